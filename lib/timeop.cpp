@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "rqs.h"
 
 LOG_MODULE(0);
 
@@ -237,4 +238,35 @@ time_t get_endofday_utime(time_t t) {
     btm.tm_sec = 59;
     btm.tm_isdst = -1;
     return mktime(&btm);
+}
+
+int timed_out_as(const timespec *start, const timespec *span, bool real, const timespec *now) {
+    timespec ref{};
+    if (now != nullptr)
+        ref = *now;
+    else if (real)
+        set_real_now(&ref);
+    else
+        // The loop time, not a fresh reading: every deadline checked during
+        // one pass of the loop sees the same "now".
+        ref = *rqs_now_ref();
+    timespec dl{start->tv_sec + span->tv_sec, start->tv_nsec + span->tv_nsec};
+    if (dl.tv_nsec > NSEC_PER_SEC - 1) {
+        dl.tv_sec += dl.tv_nsec / NSEC_PER_SEC;
+        dl.tv_nsec %= NSEC_PER_SEC;
+    }
+    if (ref.tv_sec != dl.tv_sec) return ref.tv_sec > dl.tv_sec ? 1 : 0;
+    return ref.tv_nsec > dl.tv_nsec ? 1 : 0;
+}
+
+int timed_out(const timespec *start, const timespec *span) {
+    return timed_out_as(start, span, false, nullptr);
+}
+
+int timed_out_ext(const timespec *start, const timespec *span, const timespec *now) {
+    return timed_out_as(start, span, false, now);
+}
+
+int timed_out_real(const timespec *start, const timespec *span) {
+    return timed_out_as(start, span, true, nullptr);
 }
