@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "config.h"
 #include "log.h"
 #include "scope_exit.h"
 
@@ -64,29 +65,12 @@ static void copy_text(char *dst, size_t cap, const char *src) {
     dst[n] = '\0';
 }
 
-// The configuration file's rule for strings: absent (or not a string) reads as
-// empty, a value that does not fit its field fails the load.
-static int lookup_cfg_str(const config_setting_t *section, const char *name, char *buf,
-                          size_t size) {
-    const char *val = nullptr;
-    buf[0] = '\0';
-    if (config_setting_lookup_string(section, name, &val) != CONFIG_TRUE || val == nullptr)
-        return 0;
-    size_t len = strlen(val);
-    if (len >= size) {
-        LOG_ERR("%s: %s value is too long (%ld), max = %ld characters.\n", __func__, name,
-                static_cast<long>(len), static_cast<long>(size));
-        return -1;
-    }
-    memcpy(buf, val, len + 1);
-    return 0;
-}
-
 int load_lbdb_cfg(config_setting_t *section, lbdb_cfg *cfg) {
     XASSERT(section != nullptr && cfg != nullptr);
     memset(cfg, 0, sizeof *cfg);
 
-    if (lookup_cfg_str(section, "host", cfg->host, sizeof cfg->host) != 0) return -1;
+    if (load_config_setting_str(section, "host", cfg->host, sizeof cfg->host, nullptr) != 0)
+        return -1;
     if (cfg->host[0] == '\0') {
         LOG_ERR("%s: missing host setting\n", __func__);
         return -1;
@@ -104,25 +88,15 @@ int load_lbdb_cfg(config_setting_t *section, lbdb_cfg *cfg) {
     int ms = LBDB_CONNECT_TMOUT_MS;
     (void)config_setting_lookup_int(section, "connect_tmout_ms", &ms);
     cfg->tmout.tv_sec = ms / 1000;
-    cfg->tmout.tv_usec = (ms % 1000) * 1000;
+    cfg->tmout.tv_usec = static_cast<suseconds_t>(ms % 1000) * 1000;
 
-    if (lookup_cfg_str(section, "sha1_dir", cfg->sha1_path, sizeof cfg->sha1_path) != 0) return -1;
+    if (load_config_setting_str(section, "sha1_dir", cfg->sha1_path, sizeof cfg->sha1_path,
+                                nullptr) != 0)
+        return -1;
     if (cfg->sha1_path[0] == '\0') {
         LOG_ERR("%s: missing sha1_dir setting\n", __func__);
         return -1;
     }
-    return 0;
-}
-
-static int add_call_opt(const char *flag) {
-    size_t cur = strlen(s_ctx.call_opt);
-    size_t add = strlen(flag);
-    if (cur + add + 1 >= sizeof s_ctx.call_opt) {
-        LOG_ERR("%s: not enough space for option [%s]\n", __func__, flag);
-        return -1;
-    }
-    memcpy(s_ctx.call_opt + cur, flag, add + 1);
-    LOG_DBG("%s: added [%s] flag\n", __func__, flag);
     return 0;
 }
 
@@ -144,7 +118,18 @@ int lbdb_init(const char *sha1_dir, int need_func, int opts) {
             if (rc != 0) break;
         }
     }
-    if (rc == 0 && (opts & LBDB_OPT_STAY) != 0) rc = add_call_opt("-S");
+    if (rc == 0 && (opts & LBDB_OPT_STAY) != 0) {
+        constexpr std::string_view flag = "-S";
+        size_t cur = strlen(s_ctx.call_opt);
+        if (cur + flag.size() + 1 < sizeof s_ctx.call_opt) {
+            memcpy(s_ctx.call_opt + cur, flag.data(), flag.size());
+            s_ctx.call_opt[cur + flag.size()] = '\0';
+            LOG_DBG("%s: added [%s] flag\n", __func__, flag.data());
+        } else {
+            LOG_ERR("%s: not enough space for option [%s]\n", __func__, flag.data());
+            rc = -1;
+        }
+    }
     if (rc != 0) {
         lbdb_destroy();
         return rc;
