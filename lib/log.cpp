@@ -43,6 +43,9 @@ size_t s_line_len;
 
 char s_syslog_ident[64];
 
+// Rotation logs its own notice; that line must not start another rotation.
+bool s_rotating;
+
 struct level_row {
     int level;
     const char *tag;
@@ -511,7 +514,11 @@ void log_flush(log_ctx *log, int level) {
             due = true;
         }
     }
-    if (due) (void)log_rotate(log);
+    if (due && !s_rotating) {
+        s_rotating = true;
+        (void)log_rotate(log);
+        s_rotating = false;
+    }
 }
 
 bool lard_enabled(const log_ctx *log) { return log->lh != nullptr; }
