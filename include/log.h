@@ -92,10 +92,10 @@ inline bool log_is_on(const loglevel_ctx *c, int level) {
 // One log statement: reset the line, feed an attached ring, test the level,
 // format and write. Use the LOG_* macros, which skip all of it (arguments
 // included) when the level is off and no ring is attached.
-void log_stmt(log_ctx *log, const loglevel_ctx *c, int level, const char *fmt, ...)
-    [[gnu::format(printf, 4, 5)]];
-void log_vstmt(log_ctx *log, const loglevel_ctx *c, int level, const char *fmt, va_list ap)
-    [[gnu::format(printf, 4, 0)]];
+[[gnu::format(printf, 4, 5)]] void log_stmt(log_ctx *log, const loglevel_ctx *c, int level,
+                                            const char *fmt, ...);
+[[gnu::format(printf, 4, 0)]] void log_vstmt(log_ctx *log, const loglevel_ctx *c, int level,
+                                             const char *fmt, va_list ap);
 
 #define LOGL(level, ...)                                             \
     do {                                                             \
@@ -184,13 +184,13 @@ int get_syslog_pri(int level);
 void logbuf_reset();
 bool logbuf_empty();
 const char *logbuf_text();
-int logbuf_prepare(log_ctx *log, int level, const char *fmt, ...) [[gnu::format(printf, 3, 4)]];
-int logbuf_vprepare(log_ctx *log, int level, const char *fmt, va_list ap)
-    [[gnu::format(printf, 3, 0)]];
+[[gnu::format(printf, 3, 4)]] int logbuf_prepare(log_ctx *log, int level, const char *fmt, ...);
+[[gnu::format(printf, 3, 0)]] int logbuf_vprepare(log_ctx *log, int level, const char *fmt,
+                                                  va_list ap);
 void log_flush(log_ctx *log, int level);
 bool lard_enabled(const log_ctx *log);
 void log_lard(log_ctx *log, int level);
 
 // Back-traces: up to 16 frames as "#%d: %s\n". 0 or -1.
 int btrace_to_buf(char *buf, size_t size);
-int snprintf_btrace(char *buf, size_t size, const char *fmt, ...) [[gnu::format(printf, 3, 4)]];
+[[gnu::format(printf, 3, 4)]] int snprintf_btrace(char *buf, size_t size, const char *fmt, ...);
