@@ -97,10 +97,10 @@ void log_stmt(log_ctx *log, const loglevel_ctx *c, int level, const char *fmt, .
 void log_vstmt(log_ctx *log, const loglevel_ctx *c, int level, const char *fmt, va_list ap)
     [[gnu::format(printf, 4, 0)]];
 
-#define LOGL(level, ...)                                                         \
-    do {                                                                         \
-        if (g_log->lh != nullptr || log_is_on(&s_loglevel, (level)))             \
-            log_stmt(g_log, &s_loglevel, (level), __VA_ARGS__);                  \
+#define LOGL(level, ...)                                             \
+    do {                                                             \
+        if (g_log->lh != nullptr || log_is_on(&s_loglevel, (level))) \
+            log_stmt(g_log, &s_loglevel, (level), __VA_ARGS__);      \
     } while (0)
 
 #define LOG_PNC(...) LOGL(LL_PANIC, __VA_ARGS__)
@@ -118,10 +118,10 @@ void log_vstmt(log_ctx *log, const loglevel_ctx *c, int level, const char *fmt, 
 // Fatal assertion: logs "ASSERT at:\n%s==\n" at panic level with the failed
 // expression and a back-trace, flushes the log and aborts.
 [[noreturn]] void log_assert_fail(const char *expr, const char *file, int line);
-#define XASSERT(cond)                                                 \
-    do {                                                              \
-        if (!(cond)) [[unlikely]]                                     \
-            log_assert_fail(#cond, __FILE__, __LINE__);               \
+#define XASSERT(cond)                                   \
+    do {                                                \
+        if (!(cond)) [[unlikely]]                       \
+            log_assert_fail(#cond, __FILE__, __LINE__); \
     } while (0)
 
 // For impossible states: logs "Aborting at:\n%s==\n" with a back-trace at
@@ -194,4 +194,3 @@ void log_lard(log_ctx *log, int level);
 // Back-traces: up to 16 frames as "#%d: %s\n". 0 or -1.
 int btrace_to_buf(char *buf, size_t size);
 int snprintf_btrace(char *buf, size_t size, const char *fmt, ...) [[gnu::format(printf, 3, 4)]];
-

@@ -35,7 +35,6 @@ constexpr n32_tag mk_tag(const char (&s)[3]) {
 // A tag of up to 7 characters for log groups ("TRV", "uDl", "T0001").
 constexpr n64_tag mk_tag64(const char *s) {
     n64_tag t{};
-    for (int i = 0; i < 7 && s[i] != '\0'; ++i)
-        t.num |= uint64_t(uint8_t(s[i])) << (8 * i);
+    for (int i = 0; i < 7 && s[i] != '\0'; ++i) t.num |= uint64_t(uint8_t(s[i])) << (8 * i);
     return t;
 }

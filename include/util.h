@@ -13,8 +13,8 @@ extern volatile int g_quit;     // leave the event loop
 extern volatile int g_goodbye;  // the quit came from SIGTERM or SIGINT
 extern volatile int g_hup;
 extern volatile int g_usr1;
-extern volatile int g_tdbg;     // toggle debug logging at the next idle cycle
-extern volatile int g_sigctx;   // a handler is logging: no syslog, no rotation
+extern volatile int g_tdbg;    // toggle debug logging at the next idle cycle
+extern volatile int g_sigctx;  // a handler is logging: no syslog, no rotation
 
 // Two-fork detach; the parents exit 0. 0 or -1.
 [[nodiscard]] int daemonize();
