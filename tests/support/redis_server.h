@@ -1,0 +1,37 @@
+// redis_server: a throw-away redis-server for tests. Each one runs in the
+// foreground on a free 127.0.0.1 port, without persistence, in a private
+// temporary directory; it is stopped by its PID and reaped, and dies with the
+// test process if that one dies first.
+#pragma once
+
+#include <hiredis/hiredis.h>
+#include <sys/types.h>
+
+struct redis_server {
+    pid_t pid;           // 0 = not running
+    int port;            // kept after a stop, so a test can aim at a dead port
+    char dir[128];       // working directory; empty = none
+    char log_path[160];  // the server's own output, for a failing test to read
+};
+
+// Starts a server (redis-server from PATH, or $TROV_REDIS_SERVER) and waits up
+// to 10 seconds until it answers PING. srv must be zeroed or destroyed before.
+// 0, or -1 with the reason on stderr (and nothing left running).
+[[nodiscard]] int redis_server_start(redis_server *srv);
+
+// Stops the server: SIGTERM, up to 5 seconds to exit, then SIGKILL; always
+// reaps it. Its directory stays until redis_server_destroy. The wait status,
+// or -1 when it was not running.
+int redis_server_stop(redis_server *srv);
+
+// Stops the server if it runs and removes its directory; srv is zeroed.
+void redis_server_destroy(redis_server *srv);
+
+// A fresh blocking connection to the server, or null. Free it with redisFree.
+redisContext *redis_server_client(const redis_server *srv);
+
+// Loads the load-balancer DB scripts with <src_dir>/scripts/lbdb-load and
+// leaves their digest files in sha_dir. 0, or -1 with the loader's output on
+// stderr.
+[[nodiscard]] int redis_server_load_lbdb(const redis_server *srv, const char *src_dir,
+                                         const char *sha_dir);
