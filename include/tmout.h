@@ -21,6 +21,8 @@ struct tmout_registry {
 
 // Key of the waiting HTTP download requests.
 constexpr int TMOUT_KEY_URQ = 1;
+// Key of the download tasks, held only while stalled tasks are swept.
+constexpr int TMOUT_KEY_TASK = 2;
 
 void reg_init_timeout(tmout_registry *reg);
 // Takes a lock on key; the first locker's period stands until the key is free.

@@ -20,12 +20,17 @@
 #include "rqs.h"
 #include "syswrap.h"
 #include "timeop.h"
+#include "tmout.h"
 
 LOG_MODULE(0);
 
 trov_ctx g_ctx;
 
 namespace {
+long sweep_period_ms() {
+    return g_cfg.task_tmout_ms > 0 ? long(g_cfg.task_tmout_ms) : 1;
+}
+
 // Shared by every task on the relay path: each fragment is read and written
 // within one call on the loop's one thread.
 char s_relay[DW_RELAY_SIZE];
@@ -44,6 +49,23 @@ class group_scope {
    private:
     n64_tag saved_;
 };
+
+// Reserves the whole body on disk before the first byte arrives: a full
+// file system then fails this one task at its start (the requester gets 500
+// and the temporary file goes), instead of a store into a mapped page that
+// has no block behind it killing the daemon with SIGBUS.
+int reserve_space(int fd, size_t len) {
+    int rc = 0;
+    if (fallocate(fd, 0, 0, off_t(len)) != 0) {
+        rc = errno;
+        // File systems without fallocate get the portable (slower) way.
+        if (rc == EOPNOTSUPP) rc = posix_fallocate(fd, 0, off_t(len));
+    }
+    if (rc != 0)
+        LOG_ERR("%s: fallocate(fd%d, %zu) ERROR(%d): %s\n", "mk_dest_file", fd, len, rc,
+                strerror(rc));
+    return rc;
+}
 
 [[noreturn]] void unexpected_state(const char *who, const dw_task *task) {
     LOG_PNC("%s: unexpected for %s (%p) in [%s]\n", who, task->trk_tag.str,
@@ -184,6 +206,9 @@ dw_task *add_dw(const dw_spec *spec, n64_tag trk) {
         return nullptr;
     }
     task->is_hashed = true;
+    // The sweep of stalled tasks runs in the idle step, so the loop must wake
+    // up at least once a period while any task lives.
+    if (g_cfg.sweep_stalled_tasks) set_timeout(TMOUT_KEY_TASK, sweep_period_ms());
     LOG_NRM("TASK-START [%s] (%p/idx=%zd) [%s]->[%s] length=%lu, expiry=%ld lid=[%s]\n",
             task->tag.str, static_cast<void *>(task), task->idx, task->spec.url, task->spec.fpath,
             static_cast<unsigned long>(task->spec.content_length), long(task->spec.expiry_tm),
@@ -317,6 +342,7 @@ void free_dw(dw_task *task) {
     if (task->idx >= 0) {
         (void)xvlst_del(&g_ctx.tasks, size_t(task->idx), nullptr);
         task->idx = -1;
+        if (g_cfg.sweep_stalled_tasks) rm_timeout(TMOUT_KEY_TASK);
     }
 }
 
@@ -518,6 +544,7 @@ int mk_dest_file(dw_task *task, const char *hbuf, const http_resp_ctx *ctx) {
     if (task->dfd < 0) return errno != 0 ? errno : -1;
     if (W_ftruncate(__func__, task->dfd, off_t(task->content_length)) != 0)
         return errno != 0 ? errno : -1;
+    if (int rc = reserve_space(task->dfd, task->content_length); rc != 0) return rc;
     LOG_DBG("%s: destination fd%d opened [%s], %zu bytes\n", __func__, task->dfd, task->spec.fpath,
             task->content_length);
 
@@ -669,6 +696,14 @@ bool is_iocheck_time() {
 int time_out_requests() {
     if (is_iocheck_time()) rui_tmout_all(&g_ctx.rui, long(g_cfg.urq_tmout_sec) * 1000);
     return 0;
+}
+
+int time_out_all() {
+    // Both sweeps share one period stamp, so they run under one check: the
+    // first to ask would otherwise consume the period for the other.
+    if (!is_iocheck_time()) return 0;
+    rui_tmout_all(&g_ctx.rui, long(g_cfg.urq_tmout_sec) * 1000);
+    return xvlst_each(&g_ctx.tasks, dw_tmout_check, nullptr);
 }
 
 int dw_tmout_check(void *data, size_t idx) {

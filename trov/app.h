@@ -125,6 +125,9 @@ void pprm_task_cleanup();
 void pprm_requests();
 int time_out_requests();
 int time_out_tasks();
+// The idle step with the stalled-task sweep on: requests and tasks in one
+// period check.
+int time_out_all();
 int dw_tmout_check(void *data, size_t idx);
 bool is_iocheck_time();
 void rqs_set_now(timespec *ts);

@@ -96,6 +96,9 @@ int load_second_group(trov_cfg *cfg) {
     cfg->max_tasks = size_t(uint32_t(lookup_int("trov.max_tasks", 4096)));
     cfg->task_tmout_ms = size_t(uint32_t(lookup_int("trov.task_tmout_ms", 5000)));
     cfg->max_mmap_mb = size_t(uint32_t(lookup_int("trov.max_mmap_mb", 8)));
+    int sweep = 0;
+    cfg->sweep_stalled_tasks =
+        config_lookup_bool(g_lcfg, "trov.sweep_stalled_tasks", &sweep) == CONFIG_TRUE && sweep != 0;
     return 0;
 }
 }  // namespace
@@ -231,6 +234,7 @@ void dump_trov_config(FILE *fp, const trov_cfg *cfg) {
             cfg->max_tasks == 0 ? "(unlimited)" : "");
     fprintf(fp, "\ttask time-out        = %zu ms\n", cfg->task_tmout_ms);
     fprintf(fp, "\tmmap up to           = %zu MB\n", cfg->max_mmap_mb);
+    if (cfg->sweep_stalled_tasks) fprintf(fp, "\tstalled-task sweep   = on\n");
     if (cfg->seg_url_pfx[0] != '\0') fprintf(fp, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);
     fprintf(fp, "\n");
     if (cfg->lbdb.port != 0) {

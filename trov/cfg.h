@@ -30,6 +30,7 @@ struct trov_cfg {
     size_t max_mmap_mb;     // largest body written through a mapping, MiB
     char seg_url_pfx[128];  // local URL prefix, never ending in "/"
     lbdb_cfg lbdb;
+    bool sweep_stalled_tasks;  // the idle step also ends tasks silent for task_tmout_ms
 };
 
 extern trov_cfg g_cfg;

@@ -490,7 +490,10 @@ int on_pp() {
 }
 
 int do_idle_tasks() {
-    (void)time_out_requests();
+    if (g_cfg.sweep_stalled_tasks)
+        (void)time_out_all();
+    else
+        (void)time_out_requests();
     if (g_tdbg) {
         if (!s_debug_mode) {
             log_push_mlevels();

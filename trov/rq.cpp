@@ -264,6 +264,10 @@ int setup_dw_spec(const char *src, const char *dst, size_t size, dw_spec *spec) 
         dst = derived;
         LOG_DBG("%s: source-based dst=[%s]\n", __func__, dst);
     }
+    if (!is_safe_dst(dst)) {
+        LOG_ERR("%s: unsafe destination path [%s]\n", __func__, dst);
+        return 22;
+    }
     if (int rc = init_spec(g_cfg.data_dir, src, dst, spec); rc != 0) return rc;
     int rc = check_and_expire(spec->fpath, SEG_STALE_SEC);
     if (rc == 16) {
@@ -295,6 +299,18 @@ int init_spec(const char *data_dir, const char *src, const char *dst, dw_spec *s
     snprintf(spec->dst_path, sizeof spec->dst_path, "%s", dst);
     spec->content_length = 0;
     return 0;
+}
+
+bool is_safe_dst(const char *dst) {
+    std::string_view rest(dst);
+    while (!rest.empty()) {
+        size_t slash = rest.find('/');
+        std::string_view seg = rest.substr(0, slash);
+        if (seg == "..") return false;
+        if (slash == std::string_view::npos) break;
+        rest.remove_prefix(slash + 1);
+    }
+    return true;
 }
 
 bool is_unfinished_seg(const char *path) {

@@ -73,6 +73,9 @@ int validate_request(dw_urq *urq, dw_spec *spec);
 // for that destination exists; or the failing step's code.
 [[nodiscard]] int setup_dw_spec(const char *src, const char *dst, size_t size, dw_spec *spec);
 [[nodiscard]] int init_spec(const char *data_dir, const char *src, const char *dst, dw_spec *spec);
+// False when the destination path (already percent-decoded) climbs out of
+// the data directory through a ".." segment.
+bool is_safe_dst(const char *dst);
 // Removes the temporary suffix in place: 0; 3 no suffix; 22 empty path.
 int cutoff_segext(char *path);
 bool is_unfinished_seg(const char *path);
