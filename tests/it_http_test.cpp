@@ -63,8 +63,8 @@ class ItHttp : public ::testing::Test {
     }
     // Orders src into dst and returns the requester's answer.
     net_reply fetch(const std::string &path, const std::string &dst, const std::string &q = "") {
-        std::string target = "/src/" + origin_url(org_, path) + "/dst" +
-                             (dst.empty() ? "" : "/" + dst) + q;
+        std::string target =
+            "/src/" + origin_url(org_, path) + "/dst" + (dst.empty() ? "" : "/" + dst) + q;
         return net_exchange(d_.port, order(target), WAIT_MS);
     }
     std::string data(const std::string &rel) { return d_.data_dir + "/" + rel; }
@@ -139,10 +139,12 @@ TEST_F(ItHttp, CommandLineRefusalsExitWithOneAndSayWhy) {
     } cases[] = {
         {{"-C", d_.conf_path, "-T", "-x"}, "Unknown option: x\n"},
         {{"-C", d_.conf_path, "-T", "-K"}, "Unknown option: K\n"},
-        {{"-C", d_.conf_path, "-T", "-l", long128}, "Log path is too long (128 bytes), max=128 bytes.\n"},
+        {{"-C", d_.conf_path, "-T", "-l", long128},
+         "Log path is too long (128 bytes), max=128 bytes.\n"},
         {{"-C", d_.conf_path, "-T", "-p", long128},
          "Pidfile path is too long (128 bytes), max=128 bytes.\n"},
-        {{"-C", d_.conf_path, "-T", "-D", long128}, "Data path is too long (128 bytes), max=128 bytes.\n"},
+        {{"-C", d_.conf_path, "-T", "-D", long128},
+         "Data path is too long (128 bytes), max=128 bytes.\n"},
         {{"-C", d_.conf_path, "-T", "-P", "abc"}, "Invalid CPU #: abc\n"},
         {{"-C", d_.conf_path, "-T", "-L", "loud"}, "Invalid log level: loud\n"},
         {{"-C", d_.dir + "/missing.conf"}, "Failed to load ["},
@@ -180,8 +182,10 @@ TEST_F(ItHttp, NoArgumentsPrintsTheGuide) {
     EXPECT_EQ(WEXITSTATUS(st), 1);
     std::string err = daemon_read_file(d_.dir + "/bare.err");
     EXPECT_NE(err.find("Usage: trv PARAMETERS [OPTIONS]\n\nParameters:\n"), std::string::npos);
-    EXPECT_NE(err.find("  -h|?|--help                = output this option guide\n\n----\nlibvlm/1.5-6.20 ("),
-              std::string::npos)
+    EXPECT_NE(
+        err.find(
+            "  -h|?|--help                = output this option guide\n\n----\nlibvlm/1.5-6.20 ("),
+        std::string::npos)
         << err;
 }
 
@@ -212,8 +216,8 @@ TEST_F(ItHttp, Sigusr2TogglesDebugLogging) {
     EXPECT_EQ(daemon_count_log(&d_, "(DBG)"), 0);
     ASSERT_EQ(daemon_signal(&d_, SIGUSR2), 0);
     ASSERT_EQ(daemon_wait_log(&d_, "Log level PUSH (DEBUG)", WAIT_MS), 0);
-    EXPECT_EQ(daemon_wait_log(&d_, "do_idle_tasks: now all DEBUG messages will be recorded", WAIT_MS),
-              0);
+    EXPECT_EQ(
+        daemon_wait_log(&d_, "do_idle_tasks: now all DEBUG messages will be recorded", WAIT_MS), 0);
     size_t mark = daemon_log_mark(&d_);
     EXPECT_EQ(net_exchange(d_.port, order("/"), WAIT_MS).status, 204);
     EXPECT_EQ(daemon_wait_log(&d_, "(DBG)", WAIT_MS, 1, mark), 0);

@@ -68,8 +68,8 @@ class ItLbdb : public ::testing::Test {
         return v;
     }
     net_reply fetch(const std::string &path, const std::string &dst, long expiry) {
-        std::string target = "/src/" + origin_url(org_, path) + "/dst/" + dst +
-                             "?expiry=" + std::to_string(expiry);
+        std::string target =
+            "/src/" + origin_url(org_, path) + "/dst/" + dst + "?expiry=" + std::to_string(expiry);
         return net_exchange(d_.port, order(target), WAIT_MS);
     }
     // Runs the daemon expecting it to fail at start; its wait status.
@@ -143,8 +143,8 @@ TEST_F(ItLbdb, StartFailsWithoutTheDatabaseOrItsScripts) {
     int st = failed_start(conf());
     ASSERT_TRUE(WIFEXITED(st)) << daemon_status_text(st);
     EXPECT_NE(WEXITSTATUS(st), 0);
-    EXPECT_EQ(daemon_count_log(&d_, "lbdb_connect: failed for 127.0.0.1:" + std::to_string(rs_.port)),
-              1);
+    EXPECT_EQ(
+        daemon_count_log(&d_, "lbdb_connect: failed for 127.0.0.1:" + std::to_string(rs_.port)), 1);
     EXPECT_EQ(daemon_count_log(&d_, "init_trov_ctx: failed to [?]"), 1);
 
     // The server down.

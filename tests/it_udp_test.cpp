@@ -104,8 +104,8 @@ TEST_F(ItUdp, DatagramOrderLandsAFileWithItsExpiry) {
 TEST_F(ItUdp, MalformedDatagramsAreDroppedAndTheChannelKeepsReading) {
     start(&d_, conf());
     const std::string good_url = order_url("/f/10/x", "x.ts");
-    std::string long_path = "http://0/" + std::string(130, 'p') + "/src/" +
-                            origin_url(org_, "/f/10/x") + "/dst/x.ts";
+    std::string long_path =
+        "http://0/" + std::string(130, 'p') + "/src/" + origin_url(org_, "/f/10/x") + "/dst/x.ts";
     { std::ofstream(data("busy.ts-Trov")) << "partial"; }
     std::string too_long = "#!ab12 " + good_url + " 1";
     too_long.resize(1401, ' ');
@@ -122,10 +122,12 @@ TEST_F(ItUdp, MalformedDatagramsAreDroppedAndTheChannelKeepsReading) {
         {"#!" + std::string(32, 'i') + " " + good_url + " 1", "id length (32) out of bounds: 4/31"},
         {"#!ab12  " + good_url + " 1", "URL length is too small: 0/16 bytes"},
         {url15, "URL length is too small: 15/16"},
-        {"#!ab12 http://0/src/https://h/a.ts/dst 1", "[ab12] request failed; url=[http://0/src/https://h/a.ts/dst], rc=22"},
+        {"#!ab12 http://0/src/https://h/a.ts/dst 1",
+         "[ab12] request failed; url=[http://0/src/https://h/a.ts/dst], rc=22"},
         {"#!ab13 " + long_path + " 1", "[ab13] request failed; url=[" + long_path.substr(0, 20)},
         {datagram("ab14", "/f/10/busy", "busy.ts"), "[ab14] request failed;"},
-        {datagram("ab15", "/f/10/dots", "a/../../escape.ts"), "unsafe destination path [a/../../escape.ts]"},
+        {datagram("ab15", "/f/10/dots", "a/../../escape.ts"),
+         "unsafe destination path [a/../../escape.ts]"},
     };
     for (auto &c : cases) {
         SCOPED_TRACE(c.line.c_str());
@@ -219,8 +221,7 @@ TEST_F(ItUdp, TwoAgentsOnOneGroupFetchEachOrderOnce) {
         ASSERT_EQ(udp_send_mcast("239.7.7.8", udp_port_, text.data(), text.size()), 0);
     }
     for (int i = 0; i < 500; ++i) {
-        if (daemon_count_log(&d_, "downloaded:") + daemon_count_log(&d2, "downloaded:") >= N)
-            break;
+        if (daemon_count_log(&d_, "downloaded:") + daemon_count_log(&d2, "downloaded:") >= N) break;
         usleep(20000);
     }
     EXPECT_EQ(daemon_count_log(&d_, "downloaded:") + daemon_count_log(&d2, "downloaded:"), N);

@@ -27,9 +27,7 @@ LOG_MODULE(0);
 trov_ctx g_ctx;
 
 namespace {
-long sweep_period_ms() {
-    return g_cfg.task_tmout_ms > 0 ? long(g_cfg.task_tmout_ms) : 1;
-}
+long sweep_period_ms() { return g_cfg.task_tmout_ms > 0 ? long(g_cfg.task_tmout_ms) : 1; }
 
 // Shared by every task on the relay path: each fragment is read and written
 // within one call on the loop's one thread.
@@ -294,6 +292,10 @@ void free_dw(dw_task *task) {
                 long(task->spec.expiry_tm), task->spec.lid);
     task->tag.str[0] = '#';
     (void)unhash_task(task);
+    // Only a file this task created is its to remove: an open that failed
+    // (another order for the same destination won the exclusive create)
+    // leaves the other task's file alone.
+    const bool own_file = task->dfd > 0;
     // Descriptor 0 is never closed here: a zero in these fields means a
     // record that was never set up, not standard input.
     if (task->sfd > 0) {
@@ -325,8 +327,10 @@ void free_dw(dw_task *task) {
                 static_cast<void *>(task->buf), task->buflen);
     }
     if (is_unfinished_seg(task->spec.fpath)) {
-        LOG_WRN("%s: removing unfinished [%s]\n", __func__, task->spec.fpath);
-        (void)W_unlink(__func__, task->spec.fpath);
+        if (own_file) {
+            LOG_WRN("%s: removing unfinished [%s]\n", __func__, task->spec.fpath);
+            (void)W_unlink(__func__, task->spec.fpath);
+        }
         task->spec.fpath[0] = '\0';
     }
     if (task->buf != nullptr) {
