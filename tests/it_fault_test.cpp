@@ -193,8 +193,12 @@ TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) {
                     (void)fetch(path, "h/" + std::to_string(i) + ".ts");
                 }
             });
+        // A datagram channel drops what its socket buffer cannot hold, so the
+        // next burst waits until the daemon has taken the last one.
         for (int i = first + half; i < first + n; i += 25) {
-            for (int j = i; j < i + 25 && j < first + n; ++j) {
+            size_t mark = daemon_log_mark(&d_);
+            int burst = 0;
+            for (int j = i; j < i + 25 && j < first + n; ++j, ++burst) {
                 std::string path;
                 (void)soak_kind(j, &path);
                 std::string dg = "#!soak" + std::to_string(j) + " http://0/src/" +
@@ -202,7 +206,7 @@ TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) {
                                  ".ts 1900000000";
                 EXPECT_EQ(udp_send(udp_port, dg.data(), dg.size()), 0);
             }
-            usleep(50000);
+            EXPECT_EQ(daemon_wait_log_regex(&d_, "TASK-START .*/u/", WAIT_MS, burst, mark), 0);
         }
         for (auto &t : clients) t.join();
         for (int i = 0; i < 6000; ++i) {
@@ -224,7 +228,14 @@ TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) {
         uint64_t size = soak_kind(i, &path);
         bool http = (i % per_round) < per_round / 2;
         std::string f = d_.data_dir + (http ? "/h/" : "/u/") + std::to_string(i) + ".ts";
-        if (size > 0) {
+        if (path.starts_with("/split/")) {
+            // A head split by a pause is lost when the daemon reads between
+            // its parts, and taken whole when it is busy elsewhere meanwhile:
+            // either way no partial file.
+            if (exists(f)) {
+                EXPECT_EQ(origin_expect_file(f, "k" + std::to_string(i), size), "");
+            }
+        } else if (size > 0) {
             std::string why = origin_expect_file(f, "k" + std::to_string(i), size);
             EXPECT_EQ(why, "") << path;
             landed += why.empty();
