@@ -156,7 +156,8 @@ TEST_F(ItUdp, LockFileHeldWhileTheTaskLivesAndRepeatsAreSkipped) {
     // The same identifier again while the first runs: skipped quietly.
     send(datagram("ord9", "/f/1000/other", "other.ts"));
     EXPECT_EQ(daemon_wait_log(&d_, "[ord9] already engaged, will skip", WAIT_MS), 0);
-    ASSERT_EQ(daemon_wait_log(&d_, "TASK-END", WAIT_MS), 0);
+    ASSERT_EQ(daemon_wait_log(&d_, "downloaded: 1000 bytes", WAIT_MS), 0);
+    ASSERT_EQ(daemon_wait_log(&d_, "lid_unlock: ord9 at [" + lock + "]", WAIT_MS), 0);
     EXPECT_FALSE(exists(lock));
     EXPECT_EQ(daemon_count_log(&d_, "request failed"), 0);
     EXPECT_FALSE(exists(data("other.ts")));
