@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -121,6 +122,8 @@ TEST(Order, BuildersRefuseWhatTheDaemonWouldRejectAndSayWhy) {
         {true, nullptr, "http://o/a.ts", "a/../../x", 22, "\"..\""},
         {true, nullptr, "http://o/a.ts", "a/..x/...", 0, ""},
         {true, nullptr, "http://o/a.ts", "x/", 22, "directory"},
+        {true, nullptr, "http://o/a.ts", "x/.", 22, "directory"},
+        {true, nullptr, "http://o/a.ts", "./x", 0, ""},
         {true, nullptr, "http://o/a.ts", "x.ts-Trov", 22, "unfinished"},
         {true, nullptr, "http://o/\xc3\xa9.ts", "", 22, "0xC3"},
         {true, nullptr, "http://o/a.ts", "caf\xc3\xa9", 22, "0xC3"},
@@ -418,9 +421,12 @@ TEST(Order, WaitSeesAFileRenamedIntoDirectoriesMadeAfterItStarted) {
     ASSERT_EQ(pipe2(pipefd, O_CLOEXEC | O_NONBLOCK), 0);
 
     // As the daemon does it: directories first, the body under the
-    // temporary name, then a rename into place.
+    // temporary name, then a rename into place; all after the wait has
+    // shown its first progress line.
     std::thread maker([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        pollfd p{pipefd[0], POLLIN, 0};
+        (void)poll(&p, 1, 10000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
         std::string d = tmp.path() + "/a";
         (void)mkdir(d.c_str(), 0755);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -242,7 +242,7 @@ int ord_final_path(const ord_spec *o, char *buf, size_t size, char *why, size_t 
         d = s.substr(slash + 1);
     }
     const char *what = derived ? "destination taken from the source" : "destination";
-    if (d.ends_with('/'))
+    if (d.ends_with('/') || d == "." || d.ends_with("/."))
         return refuse(why, why_size, RC_INVALID, "%s [%.*s] names a directory, not a file", what,
                       int(d.size()), d.data());
     if (has_dotdot(d))

@@ -37,9 +37,10 @@ struct ord_spec {
 
 // The destination the daemon will write, relative to its data directory:
 // dst without its leading slashes, or the source's path when dst is empty.
-// Refused (22) when that names no file, a directory, leaves the data
-// directory through "..", or ends like an unfinished download; 34 when it
-// is longer than ORD_DST_MAX or than size-1. why gets the reason.
+// Refused (22) when that names no file (empty, or ending in "/" or "/."),
+// leaves the data directory through "..", or ends like an unfinished
+// download; 34 when it is longer than ORD_DST_MAX or than size-1. why gets
+// the reason.
 [[nodiscard]] int ord_final_path(const ord_spec *o, char *buf, size_t size, char *why,
                                  size_t why_size);
 
