@@ -11,7 +11,9 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstring>
+#include <initializer_list>
 #include <type_traits>
 
 #include "fdio.h"
@@ -38,16 +40,29 @@ struct nopoll_ref {
 static_assert(std::is_trivially_copyable_v<nopoll_ref>);
 
 struct rqs_context {
-    int loopfd;       // 0 = never initialised, -1 = destroyed
-    xvec events;      // epoll_event records; len = count of the last wait
-    xvec changes;     // never filled; released by rqs_destroy
-    size_t poll_fds;  // descriptors registered with epoll
-    xvlst nopoll;     // nopoll_ref; the slot index is the entry's identity
-    xvec nopoll_rm;   // ssize_t slot indices waiting for the next purge
-    timespec tmout;   // written by update_tmout; a negative field = no limit
-    timespec itime;   // loop time, CLOCK_MONOTONIC
-    int loop_stage;   // 0 wait, 1 dispatch, 2 post-process, 3 after idle
+    int loopfd;          // 0 = never initialised, -1 = destroyed
+    xvec events;         // epoll_event records; len = count of the last wait
+    xvec changes;        // never filled; released by rqs_destroy
+    size_t poll_fds;     // descriptors registered with epoll
+    xvlst nopoll;        // nopoll_ref; the slot index is the entry's identity
+    xvec nopoll_rm;      // ssize_t slot indices waiting for the next purge
+    timespec tmout;      // written by update_tmout; a negative field = no limit
+    timespec itime;      // loop time, CLOCK_MONOTONIC
+    int loop_stage;      // 0 wait, 1 dispatch, 2 post-process, 3 after idle
+    sigset_t wait_mask;  // the signal mask in force while waiting
 };
+
+// Signals that talk to the loop through flags (quit, debug toggle, and the
+// two whose handlers a program may install). While the loop runs they are
+// blocked and only let through inside the wait: a signal that came between
+// the loop's look at the quit flag and the wait would otherwise set the flag
+// with nobody left to see it until some descriptor happened to wake the loop.
+sigset_t loop_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1, SIGUSR2}) sigaddset(&set, sig);
+    return set;
+}
 
 constexpr size_t INO_BUF_SIZE = 4096;
 constexpr n32_tag INO_TAG = mk_tag("ino");
@@ -154,7 +169,7 @@ int wait_timeout_ms() {
 // The count of events, or negative with errno standing.
 int wait4events(int timeout_ms) {
     const int maxev = static_cast<int>(s_rqs.events.max_len);
-    int n = epoll_wait(s_rqs.loopfd, ev_at(0), maxev, timeout_ms);
+    int n = epoll_pwait(s_rqs.loopfd, ev_at(0), maxev, timeout_ms, &s_rqs.wait_mask);
     int err = errno;
     if (n < 0) {
         if (err != EINTR)
@@ -590,6 +605,8 @@ int rqs_event_loop() {
     const rqs_callbacks &cb = s_cfg.cb;
     if (cb.update_tmout != nullptr) cb.update_tmout(&s_rqs.tmout);
     LOG_INF("Entering event loop\n");
+    const sigset_t blocked = loop_signals();
+    sigprocmask(SIG_BLOCK, &blocked, &s_rqs.wait_mask);
     int rc = 0;
     long failed = 0;
     while (rc == 0 && !g_quit) {
@@ -615,6 +632,11 @@ int rqs_event_loop() {
             }
             if (g_quit) break;
             if (cb.time_out != nullptr) cb.time_out();
+        } else {
+            // No wait to let the signals through: open the window briefly.
+            sigprocmask(SIG_SETMASK, &s_rqs.wait_mask, nullptr);
+            sigprocmask(SIG_BLOCK, &blocked, nullptr);
+            if (g_quit) break;
         }
         // Room for one removal per entry, so scheduling one from a callback
         // needs no allocation. Removals still pending from the idle work of
@@ -643,6 +665,7 @@ int rqs_event_loop() {
         s_rqs.loop_stage = 3;
         if (cb.post_process != nullptr && (rc = cb.post_process()) != 0) break;
     }
+    sigprocmask(SIG_SETMASK, &s_rqs.wait_mask, nullptr);
     if (rc == EINTR && g_quit) rc = 0;
     LOG_INF("Exiting event loop, %d failed, rc=%d, quit=%d\n", static_cast<int>(failed), rc,
             g_quit);

@@ -466,6 +466,44 @@ TEST_F(Rqs, InterruptedWaitContinuesUntilQuitIsSet) {
     EXPECT_TRUE(has(log_text(), "wait4events interrupted, quit=0\n"));
 }
 
+// A quit signal that lands after the loop has looked at the quit flag but
+// before it waits (here: from update_tmout, the last call before the wait)
+// must still end a wait without limit.
+void raise_term_on_second_update(timespec *ts) {
+    *ts = timespec{-1, 0};
+    if (++s_rec.tmout_calls == 2) raise(SIGTERM);
+}
+
+TEST_F(Rqs, QuitSignalJustBeforeTheWaitIsNotLost) {
+    rqs_config cfg = full_config();
+    cfg.cb.update_tmout = raise_term_on_second_update;
+    init(cfg);
+    s_rec.quit_after = 0;
+    int p[2];
+    make_pipe(p);
+    ASSERT_EQ(rqs_add_reader(p[0], tag_ptr(1)), 0);
+    struct sigaction sa {
+    }, old{};
+    sa.sa_handler = on_sigquit;
+    ASSERT_EQ(sigaction(SIGTERM, &sa, &old), 0);
+    // A lost signal would leave the loop waiting for ever: the alarm's
+    // default action then ends the test process instead of hanging it.
+    alarm(5);
+    int rc = rqs_event_loop();
+    alarm(0);
+    sigaction(SIGTERM, &old, nullptr);
+    signal(SIGCHLD, SIG_DFL);
+    signal(SIGHUP, SIG_DFL);
+    signal(SIGUSR1, SIG_DFL);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(g_quit, 1);
+    EXPECT_TRUE(has(log_text(), "wait4events interrupted, quit=1\n"));
+    // The loop leaves the signal mask as it found it.
+    sigset_t now;
+    sigprocmask(SIG_BLOCK, nullptr, &now);
+    EXPECT_FALSE(sigismember(&now, SIGTERM));
+}
+
 TEST_F(Rqs, NothingRegisteredQuitsOnlyWhenAllowedAndDormant) {
     rqs_config cfg = full_config();
     cfg.quit_on_zero_fds = 1;
