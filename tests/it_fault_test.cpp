@@ -147,7 +147,7 @@ uint64_t soak_kind(int i, std::string *path) {
             return 0;
         case 4:
             *path = "/split/3000/" + n;
-            return 0;
+            return 3000;  // lands only when the daemon reads the head whole
         case 5:
             *path = "/slow/8000/" + n;
             return 8000;
@@ -252,8 +252,11 @@ TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) {
     EXPECT_TRUE(temp_files(d_.data_dir).empty());
     const int fds_after = daemon_fd_count(&d_);
     EXPECT_EQ(fds_after, fds_before);
-    // The second round runs in the memory the first one left.
+    // The second round runs in the memory the first one left (not measured
+    // under the address sanitizer, whose quarantine holds freed memory).
+#ifndef __SANITIZE_ADDRESS__
     EXPECT_LE(rss_end, rss_mid + 512) << "RSS grew from " << rss_mid << " KiB";
+#endif
     printf(
         "soak: %d orders, %d files landed, fds %d -> %d, RSS %ld KiB after round 1, %ld KiB "
         "after round 2\n",
