@@ -32,9 +32,14 @@ constexpr n32_tag mk_tag(const char (&s)[3]) {
     return t;
 }
 
-// A tag of up to 7 characters for log groups ("TRV", "uDl", "T0001").
+// A tag of up to 7 characters for log groups ("TRV", "uDl", "T0001"). The
+// number is built aside and stored once: `t{}` makes `str` the live member,
+// and reading `num` before writing it is not allowed in a constant
+// expression (clang refuses it; g++ lets it pass).
 constexpr n64_tag mk_tag64(const char *s) {
+    uint64_t v = 0;
+    for (int i = 0; i < 7 && s[i] != '\0'; ++i) v |= uint64_t(uint8_t(s[i])) << (8 * i);
     n64_tag t{};
-    for (int i = 0; i < 7 && s[i] != '\0'; ++i) t.num |= uint64_t(uint8_t(s[i])) << (8 * i);
+    t.num = v;
     return t;
 }
