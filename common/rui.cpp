@@ -292,7 +292,9 @@ int rui_accept(rui_socket_ctx *srv, size_t max, int flags, void *user) {
         LOG_DBG("%s(%s): accepting on fd=%d\n", __func__, alias_of(srv), srv->sockfd);
         sockaddr_storage peer{};
         socklen_t plen = sizeof peer;
-        int fd = W_accept(__func__, srv->sockfd, reinterpret_cast<sockaddr *>(&peer), &plen);
+        // Made non-blocking by the accept itself: two fewer calls per client.
+        int fd = W_accept4(__func__, srv->sockfd, reinterpret_cast<sockaddr *>(&peer), &plen,
+                           SOCK_NONBLOCK);
         if (fd < 0) {
             int err = errno;
             if (err == EINTR) continue;
@@ -311,8 +313,8 @@ int rui_accept(rui_socket_ctx *srv, size_t max, int flags, void *user) {
         char addr[SADDR_STR_SIZE];
         saddr_str(reinterpret_cast<const sockaddr *>(&peer), plen, addr, sizeof addr);
         LOG_INF("Accepted %s request [fd=%d] from %s\n", alias_of(srv), fd, addr);
-        int prc = set_nblock(fd, true);
-        if (prc == 0 && (peer.ss_family == AF_INET || peer.ss_family == AF_INET6)) {
+        int prc = 0;
+        if (peer.ss_family == AF_INET || peer.ss_family == AF_INET6) {
             int lowat = RUI_RCVLOWAT;
             prc = W_setsockopt(__func__, fd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
             if (prc == 0) LOG_DBG("%s: low watermark set to %d for fd=%d\n", __func__, lowat, fd);

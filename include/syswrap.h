@@ -51,6 +51,9 @@ int W_getaddrinfo(const char *who, const char *node, const char *service, const 
 int W_select(const char *who, int n, fd_set *r, fd_set *w, fd_set *e, timeval *tv);
 // EAGAIN is silent: a non-blocking listener was drained.
 int W_accept(const char *who, int fd, sockaddr *addr, socklen_t *len);
+// accept4: flags (SOCK_NONBLOCK, SOCK_CLOEXEC) apply to the new socket in the
+// same call. Logged as accept.
+int W_accept4(const char *who, int fd, sockaddr *addr, socklen_t *len, int flags);
 // A result of 0 (time-out) is logged at warning.
 int W_poll(const char *who, pollfd *fds, nfds_t n, int timeout_ms);
 int W_dup2(const char *who, int oldfd, int newfd);

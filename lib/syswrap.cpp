@@ -251,7 +251,11 @@ int W_select(const char *who, int n, fd_set *r, fd_set *w, fd_set *e, timeval *t
 }
 
 int W_accept(const char *who, int fd, sockaddr *addr, socklen_t *len) {
-    int rc = accept(fd, addr, len);
+    return W_accept4(who, fd, addr, len, 0);
+}
+
+int W_accept4(const char *who, int fd, sockaddr *addr, socklen_t *len, int flags) {
+    int rc = accept4(fd, addr, len, flags);
     if (rc < 0) [[unlikely]] {
         const int err = errno;
         if (err != EAGAIN)

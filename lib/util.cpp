@@ -323,6 +323,10 @@ int mk_fpath_dirs(const char *path, mode_t mode) {
     dirs[len] = '\0';
     LOG_DBG("%s: dirs=%s\n", __func__, dirs);
 
+    // The common case is a directory that is there already (every order
+    // into the same directory): one attempt on the whole path settles it.
+    if (dirs[0] != '\0' && (mkdir(dirs, mode) == 0 || errno == EEXIST)) return 0;
+
     // Each prefix is made in turn; the loop also runs once for the whole
     // copy, where the terminating zero stands in for the next "/".
     char *p = dirs[0] == '/' ? dirs + 1 : dirs;
