@@ -17,6 +17,7 @@ import json
 import os
 import platform
 import re
+import select
 import shutil
 import signal
 import socket
@@ -31,6 +32,9 @@ TOP = os.path.dirname(HERE)
 PAGE = 4096
 KiB, MiB, GiB = 1 << 10, 1 << 20, 1 << 30
 CLK_TCK = os.sysconf("SC_CLK_TCK")
+PERF_HZ = 4000  # bench/perf_summary.py assumes the same
+QUIET_CPUS = 0.15  # machine load (in CPUs) under which a run starts at once
+QUIET_WAIT_RUN = 15  # seconds one run waits at most for a quieter machine
 
 # ---------------------------------------------------------------- content
 # Every 4 KiB page of a generated file starts with (file id, page index) and
@@ -122,18 +126,18 @@ def spawn(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **kw):
 
 
 def reap(p, timeout):
-    """Waits for p at most timeout seconds (then kills it): (status, rusage)."""
-    deadline = time.monotonic() + timeout
-    while True:
-        pid, status, ru = os.wait4(p.pid, os.WNOHANG)
-        if pid == p.pid:
-            break
-        if time.monotonic() > deadline:
-            log(f"bench: pid {p.pid} ({p.args[0]}...) over its time, killed")
+    """Waits for p at most timeout seconds (then kills it): (status, rusage).
+    Sleeps on a process descriptor, so waiting costs no CPU."""
+    fd = os.pidfd_open(p.pid)
+    try:
+        poller = select.poll()
+        poller.register(fd, select.POLLIN)
+        if not poller.poll(max(0.0, timeout) * 1000):
+            log(f"bench: pid {p.pid} ({' '.join(p.args[:4])}...) over its time, killed")
             os.kill(p.pid, signal.SIGKILL)
-            pid, status, ru = os.wait4(p.pid, 0)
-            break
-        time.sleep(0.002)
+    finally:
+        os.close(fd)
+    _, status, ru = os.wait4(p.pid, 0)
     p.returncode = os.waitstatus_to_exitcode(status)
     if p.pid in STARTED:
         STARTED.remove(p.pid)
@@ -208,13 +212,32 @@ class Probe:
         self.busy0 = sys_busy()
         self.srv0 = self.server.cpu_now() if self.server else None
 
+    def end(self):
+        self.busy = sys_busy() - self.busy0
+        self.srv = cpu_delta(self.srv0, self.server.cpu_now())["total"] if self.server else 0.0
+
     def finish(self, run, own_cpu):
-        busy = sys_busy() - self.busy0
-        srv = cpu_delta(self.srv0, self.server.cpu_now())["total"] if self.server else 0.0
+        if not hasattr(self, "busy"):
+            self.end()
         if self.server is not None and run["scenario"] != "d":
-            run["origin_cpu_s"] = srv
-        run["machine_busy_s"] = busy
-        run["other_cpu_s"] = max(0.0, busy - own_cpu - srv)
+            run["origin_cpu_s"] = self.srv
+        run["machine_busy_s"] = self.busy
+        run["other_cpu_s"] = max(0.0, self.busy - own_cpu - self.srv)
+
+
+def wait_quiet(env):
+    """Waits, within the run's budget, until other load has (nearly) gone;
+    returns the CPUs found busy just before the measurement."""
+    limit = min(QUIET_WAIT_RUN, env.quiet_budget)
+    t_start = time.monotonic()
+    while True:
+        b0, t0 = sys_busy(), time.monotonic()
+        time.sleep(0.5)
+        busy = (sys_busy() - b0) / (time.monotonic() - t0)
+        waited = time.monotonic() - t_start
+        if busy <= QUIET_CPUS or waited >= limit:
+            env.quiet_budget = max(0.0, env.quiet_budget - max(0.0, waited - 0.5))
+            return busy
 
 
 def cpu_delta(a, b):
@@ -439,6 +462,7 @@ class Env:
         self.origin_root = os.path.join(self.work, "o")
         self.files = {}  # url path -> (fid, size)
         self.perf_dir = args.perf
+        self.quiet_budget = float(args.quiet_wait)
         self.origin = None
         self.fid = 0
 
@@ -505,6 +529,23 @@ def finish_check(env, run, sub, names, dst, samples):
 
 
 # ---------------------------------------------------------------- runners
+def perf_start(env, pid, name):
+    """Starts sampling pid's call chains when profiles were asked for (--perf)."""
+    if not env.perf_dir:
+        return None
+    os.makedirs(env.perf_dir, exist_ok=True)
+    out = os.path.join(env.perf_dir, name + ".data")
+    p = spawn(pinned(env.cpu_origin, ["perf", "record", "-q", "-e", "cpu-clock", "-F",
+                                      str(PERF_HZ), "-g", "-p", str(pid), "-o", out]))
+    time.sleep(0.3)  # perf attaches asynchronously
+    return p
+
+
+def perf_stop(p):
+    if p is not None:
+        stop(p, signal.SIGINT, 30)
+
+
 def run_orderer(env, trov, mode, sub, names, dst_rel, conc, timeout, sample_every=0):
     """Orders names from the origin through trov; returns the orderer's figures."""
     lst = os.path.join(env.work, "names.lst")
@@ -517,27 +558,22 @@ def run_orderer(env, trov, mode, sub, names, dst_rel, conc, timeout, sample_ever
             "-s", env.origin.url(f"/f/{sub}/"),
             "-d", dst_rel + "/", "-w", watch, "-l", lst, "-n", str(conc), "-T", str(timeout),
             "-p", str(trov.pid), "-k", str(sample_every)]
-    perf = None
-    if env.perf_dir:
-        os.makedirs(env.perf_dir, exist_ok=True)
-        out = os.path.join(env.perf_dir, f"{sub}-{trov.name}-{mode}.data")
-        perf = spawn(pinned(env.cpu_origin, ["perf", "record", "-q", "-e", "cpu-clock",
-                                             "-F", "4000", "-g", "-p", str(trov.pid),
-                                             "-o", out]))
-        time.sleep(0.3)
+    perf = perf_start(env, trov.pid, f"{sub}-{trov.name}-{mode}")
+    probe = Probe(env)
     c0 = trov.cpu_now()
     p = spawn(pinned(env.cpu_client, argv), stdout=subprocess.PIPE)
     out_text = p.stdout.read()
     rc, _ = reap(p, timeout + 30)
     c1 = trov.cpu_now()
-    if perf is not None:
-        stop(perf, signal.SIGINT, 30)
+    probe.end()
+    perf_stop(perf)
     try:
         res = json.loads(out_text)
     except ValueError:
         res = {"completed": 0, "wall_s": float("nan"), "orderer_cpu_s": 0.0}
     res["exit"] = rc
     res["cpu"] = cpu_delta(c0, c1)
+    res["probe"] = probe
     return res
 
 
@@ -546,10 +582,11 @@ def trov_run(env, trov, mode, scenario, case, tool, rep, sub, names, dst_rel, co
     dst = os.path.join(trov.data, dst_rel)
     rmtree_contents(dst)
     trov.truncate_log()
-    probe = Probe(env)
+    busy_before = wait_quiet(env)
     res = run_orderer(env, trov, mode, sub, names, dst_rel, conc, timeout, sample_every)
     run = new_run(scenario, case, tool, rep, units, unit)
-    probe.finish(run, res["cpu"]["total"] + (res.get("orderer_cpu_s") or 0.0))
+    run["busy_before_cpus"] = busy_before
+    res["probe"].finish(run, res["cpu"]["total"] + (res.get("orderer_cpu_s") or 0.0))
     run.update({"wall_s": res["wall_s"], "cpu_s": res["cpu"]["total"],
                 "cpu_user_s": res["cpu"]["user"], "cpu_sys_s": res["cpu"]["sys"],
                 "orderer_cpu_s": res.get("orderer_cpu_s"), "exit": res["exit"],
@@ -568,13 +605,15 @@ def peer_run(env, scenario, case, tool, rep, argvs, sub, names, dst, units, unit
     """Runs one or more peer processes at once (all pinned to the client CPU)."""
     rmtree_contents(dst)
     errlog = open(os.path.join(env.work, "peer.err"), "wb")
+    busy_before = wait_quiet(env)
     probe = Probe(env)
     t0 = time.monotonic()
     procs = [spawn(pinned(env.cpu_client, a), stderr=errlog, cwd=cwd) for a in argvs]
     cpu = {"total": 0.0, "user": 0.0, "sys": 0.0}
     worst = 0
+    deadline = t0 + timeout
     for p in procs:
-        rc, ru = reap(p, timeout)
+        rc, ru = reap(p, deadline - time.monotonic())
         cpu["user"] += ru.ru_utime
         cpu["sys"] += ru.ru_stime
         worst = worst or rc
@@ -584,6 +623,7 @@ def peer_run(env, scenario, case, tool, rep, argvs, sub, names, dst, units, unit
     run = new_run(scenario, case, tool, rep, units, unit)
     run.update({"wall_s": wall, "cpu_s": cpu["total"], "cpu_user_s": cpu["user"],
                 "cpu_sys_s": cpu["sys"], "exit": worst, "procs": len(procs)})
+    run["busy_before_cpus"] = busy_before
     probe.finish(run, cpu["total"])
     if worst != 0:
         with open(os.path.join(env.work, "peer.err"), "rb") as f:
@@ -724,12 +764,17 @@ def wrk_run(env, server, port, tool, rep, duration, conns, close):
     if close:
         argv += ["-H", "Connection: close"]
     argv.append(f"http://127.0.0.1:{port}/")
+    busy_before = wait_quiet(env)
+    perf = perf_start(env, server.pid, f"d-{tool.replace(' ', '-')}") \
+        if isinstance(server, Trov) else None
     probe = Probe(env, server)
     c0 = server.cpu_now()
     p = spawn(pinned(env.cpu_origin, argv), stdout=subprocess.PIPE)
     out = p.stdout.read().decode(errors="replace")
     rc, ru = reap(p, duration + 30)
     c1 = server.cpu_now()
+    probe.end()
+    perf_stop(perf)
     run = new_run("d", f"GET / -> 204, {conns} connections, {duration} s", tool, rep, 0, "requests")
     m = WRK_RE["requests"].search(out)
     reqs = int(m.group(1)) if m else 0
@@ -741,6 +786,7 @@ def wrk_run(env, server, port, tool, rep, duration, conns, close):
                 "cpu_sys_s": d["sys"], "exit": rc,
                 "socket_errors": [int(x) for x in e.groups()] if e else [0, 0, 0, 0],
                 "non2xx": int(n.group(1)) if n else 0, "wrk_cpu_s": ru.ru_utime + ru.ru_stime})
+    run["busy_before_cpus"] = busy_before
     probe.finish(run, ru.ru_utime + ru.ru_stime)
     # A closed connection after a whole answer is counted by wrk as a read
     # error; only connect errors, time-outs and wrong statuses are failures.
@@ -839,8 +885,8 @@ def trov_label(tool):
 
 def markdown(summary):
     head = ("| scenario | case | client | wall s: median (min-max) | throughput | CPU s | "
-            "CPU per unit | peak RSS | trov / this (throughput) |")
-    lines = [head, "|" + "---|" * 9]
+            "CPU per unit | peak RSS | other load | trov / this (throughput) |")
+    lines = [head, "|" + "---|" * 10]
     by_case = {}
     for s in summary:
         by_case.setdefault((s["scenario"], s["case"]), []).append(s)
@@ -849,7 +895,7 @@ def markdown(summary):
         for s in rows:
             if "rate" not in s:
                 lines.append(f"| {scen} | {case} | {s['tool']} | failed ({s['ok_reps']}/"
-                             f"{s['reps']} runs right) | | | | | |")
+                             f"{s['reps']} runs right) | | | | | | |")
                 continue
             w = s["wall_s"]
             if scen == "d":
@@ -865,8 +911,9 @@ def markdown(summary):
             else:
                 ratio = " / ".join(f"{trov_label(t['tool'])} {t['rate']['median'] / s['rate']['median']:.2f}x"
                                    for t in trovs)
+            other = f"{s['other_cpu_share']:.2f}" if "other_cpu_share" in s else ""
             lines.append(f"| {scen} | {case} | {s['tool']} | {wall} | {fmt_rate(s)} | {cpu} | "
-                         f"{fmt_cpu_unit(s)} | {rss} | {ratio} |")
+                         f"{fmt_cpu_unit(s)} | {rss} | {other} | {ratio} |")
     return "\n".join(lines)
 
 
@@ -990,6 +1037,8 @@ def main():
     ap.add_argument("--readme", action="store_true", help="put the table into bench/README.md")
     ap.add_argument("--perf", help="record perf profiles of the daemon's runs into this dir")
     ap.add_argument("--keep", action="store_true", help="keep the work directories")
+    ap.add_argument("--quiet-wait", type=float, default=300,
+                    help="seconds in all that runs may wait for other load to pass (default 300)")
     ap.add_argument("--trov", required=True)
     ap.add_argument("--orderer", required=True)
     args = ap.parse_args()
@@ -1013,6 +1062,9 @@ def main():
         log(f"bench: warning: {args.disk_dir} is not on a disk")
 
     env = Env(args)
+    # The driver sleeps while anything is measured; kept off the client's CPU
+    # all the same.
+    os.sched_setaffinity(0, {env.cpu_origin})
     started = datetime.datetime.now()
     runs = []
     ok = False
