@@ -35,6 +35,7 @@ CLK_TCK = os.sysconf("SC_CLK_TCK")
 PERF_HZ = 4000  # bench/perf_summary.py assumes the same
 QUIET_CPUS = 0.15  # machine load (in CPUs) under which a run starts at once
 QUIET_WAIT_RUN = 15  # seconds one run waits at most for a quieter machine
+NOISY_CPUS = 0.25  # other load above which a run counts as disturbed
 
 # ---------------------------------------------------------------- content
 # Every 4 KiB page of a generated file starts with (file id, page index) and
@@ -827,6 +828,11 @@ def summarize(runs):
         good = [r for r in rs if r["ok"]]
         s = {"scenario": scen, "case": case, "tool": tool, "reps": len(rs), "ok_reps": len(good),
              "unit": rs[0]["unit"]}
+        # Runs disturbed by other load are left out when undisturbed ones exist.
+        quiet = [r for r in good if r.get("other_cpu_s", 0.0) <= NOISY_CPUS * r["wall_s"]]
+        if quiet and len(quiet) < len(good):
+            s["noisy_reps_dropped"] = len(good) - len(quiet)
+            good = quiet
         if good:
             rates = [r["units"] / r["wall_s"] for r in good]
             walls = [r["wall_s"] for r in good]
@@ -903,7 +909,7 @@ def markdown(summary):
             else:
                 wall = f"{w['median']:.3f} ({w['min']:.3f}-{w['max']:.3f})"
             cpu = f"{s['cpu_s']['median']:.3f}"
-            if "orderer_cpu_s" in s:
+            if s.get("orderer_cpu_s", {}).get("median", 0) >= 0.0005:
                 cpu += f" (+{s['orderer_cpu_s']['median']:.3f} orderer)"
             rss = f"{s['daemon_hwm_kb'] / 1024:.1f} MiB" if s.get("daemon_hwm_kb") else ""
             if s["tool"].startswith("trov"):
@@ -912,6 +918,8 @@ def markdown(summary):
                 ratio = " / ".join(f"{trov_label(t['tool'])} {t['rate']['median'] / s['rate']['median']:.2f}x"
                                    for t in trovs)
             other = f"{s['other_cpu_share']:.2f}" if "other_cpu_share" in s else ""
+            if s.get("noisy_reps_dropped"):
+                other += f" ({s['noisy_reps_dropped']} of {s['reps']} runs left out)"
             lines.append(f"| {scen} | {case} | {s['tool']} | {wall} | {fmt_rate(s)} | {cpu} | "
                          f"{fmt_cpu_unit(s)} | {rss} | {other} | {ratio} |")
     return "\n".join(lines)
@@ -999,6 +1007,7 @@ def machine():
             return ""
 
     return {"nproc": os.cpu_count(), "cpu": model, "kernel": platform.release(),
+            "commit": ver(["git", "-C", TOP, "log", "-1", "--format=%h"]),
             "mem_gib": round(os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / GiB, 1),
             "tools": {"nginx": ver(["nginx", "-v"]), "curl": ver(["curl", "--version"]),
                       "wget": ver(["wget", "--version"]), "aria2c": ver(["aria2c", "--version"]),
@@ -1039,9 +1048,18 @@ def main():
     ap.add_argument("--keep", action="store_true", help="keep the work directories")
     ap.add_argument("--quiet-wait", type=float, default=300,
                     help="seconds in all that runs may wait for other load to pass (default 300)")
+    ap.add_argument("--from-json", metavar="FILE",
+                    help="measure nothing: print (and with --readme, record) the table of a "
+                         "saved run")
     ap.add_argument("--trov", required=True)
     ap.add_argument("--orderer", required=True)
     args = ap.parse_args()
+    if args.from_json:
+        with open(args.from_json) as f:
+            saved = json.load(f)
+        report(saved["runs"], saved["machine"], saved["started"], saved["mode"], saved["reps"],
+               args.readme)
+        return 0
     only = set(args.only.replace(" ", "").split(","))
     if not only <= set("abcd"):
         ap.error("--only takes a subset of a,b,c,d")
@@ -1093,20 +1111,9 @@ def main():
         if not ok:
             log("bench: stopped early; partial figures follow")
 
-    summary = summarize(runs)
-    table = markdown(summary)
-    tg = targets(summary)
     mach = machine()
-    when = started.strftime("%Y-%m-%d %H:%M")
     mode = "quick" if args.quick else "full"
-    header = (f"Run of {when}, {mode} ({reps} repetition{'s' if reps > 1 else ''}); "
-              f"{mach['nproc']} CPUs ({mach['cpu']}), kernel {mach['kernel']}, "
-              f"{mach['mem_gib']} GiB; {mach['tools']['nginx'].replace('nginx version: ', '')}, "
-              f"{' '.join(mach['tools']['curl'].split()[:2])}, "
-              f"{' '.join(mach['tools']['wget'].split()[:3])}, "
-              f"{' '.join(mach['tools']['aria2c'].split()[:3])}.")
-    tg_text = "\n".join(f"- {'met' if met else 'NOT met'}: {name} ({fig})" for name, met, fig in tg)
-    print(header + "\n\n" + table + "\n\nTargets:\n\n" + tg_text)
+    summary, tg = report(runs, mach, started.isoformat(timespec="seconds"), mode, reps, False)
 
     path = args.json or os.path.join(HERE, "results", started.strftime("%Y-%m-%dT%H%M%S") + ".json")
     os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
@@ -1118,13 +1125,39 @@ def main():
                    "runs": runs}, f, indent=1)
     log(f"bench: raw figures in {path}")
     if args.readme:
-        write_readme(os.path.join(HERE, "README.md"),
-                     header + "\n\n" + table + "\n\nTargets:\n\n" + tg_text)
+        report(runs, mach, started.isoformat(timespec="seconds"), mode, reps, True, quiet=True)
     bad = [r for r in runs if not r["ok"]]
     if bad or not ok:
         log(f"bench: {len(bad)} run(s) failed their checks")
         return 1
     return 0
+
+
+def report(runs, mach, started, mode, reps, readme, quiet=False):
+    """Prints the table and the targets; with readme, records them in README.md."""
+    summary = summarize(runs)
+    table = markdown(summary)
+    tg = targets(summary)
+    when = started.replace("T", " ")[:16]
+    commit = f" of trov {mach['commit']}" if mach.get("commit") else ""
+    header = (f"Run{commit} on {when}, {mode} ({reps} repetition{'s' if reps > 1 else ''}); "
+              f"{mach['nproc']} CPUs ({mach['cpu']}), kernel {mach['kernel']}, "
+              f"{mach['mem_gib']} GiB; {mach['tools']['nginx'].replace('nginx version: ', '')}, "
+              f"{' '.join(mach['tools']['curl'].split()[:2])}, "
+              f"{' '.join(mach['tools']['wget'].split()[:3])}, "
+              f"{' '.join(mach['tools']['aria2c'].split()[:3])}.")
+    loads = [r["other_cpu_s"] / r["wall_s"] for r in runs
+             if r.get("other_cpu_s") is not None and r.get("wall_s")]
+    if loads:
+        header += (f" Other load during the runs: median {statistics.median(loads):.2f} CPUs, "
+                   f"max {max(loads):.2f}.")
+    tg_text = "\n".join(f"- {'met' if met else 'NOT met'}: {name} ({fig})" for name, met, fig in tg)
+    text = header + "\n\n" + table + "\n\nTargets:\n\n" + tg_text
+    if not quiet:
+        print(text)
+    if readme:
+        write_readme(os.path.join(HERE, "README.md"), text)
+    return summary, tg
 
 
 if __name__ == "__main__":
