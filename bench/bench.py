@@ -455,6 +455,7 @@ class Env:
         self.orderer = args.orderer
         ncpu = os.cpu_count() or 1
         self.cpu_client, self.cpu_origin = (0, 1) if ncpu >= 2 else (0, 0)
+        self.cpu_orderer = self.cpu_client if args.orderer_cpu is None else args.orderer_cpu
         self.work = os.path.join(args.work_dir, f"trov-bench-{os.getpid()}")
         self.disk = os.path.join(args.disk_dir, f"trov-bench-{os.getpid()}")
         for d in (self.work, self.disk):
@@ -562,7 +563,7 @@ def run_orderer(env, trov, mode, sub, names, dst_rel, conc, timeout, sample_ever
     perf = perf_start(env, trov.pid, f"{sub}-{trov.name}-{mode}")
     probe = Probe(env)
     c0 = trov.cpu_now()
-    p = spawn(pinned(env.cpu_client, argv), stdout=subprocess.PIPE)
+    p = spawn(pinned(env.cpu_orderer, argv), stdout=subprocess.PIPE)
     out_text = p.stdout.read()
     rc, _ = reap(p, timeout + 30)
     c1 = trov.cpu_now()
@@ -1046,6 +1047,9 @@ def main():
     ap.add_argument("--readme", action="store_true", help="put the table into bench/README.md")
     ap.add_argument("--perf", help="record perf profiles of the daemon's runs into this dir")
     ap.add_argument("--keep", action="store_true", help="keep the work directories")
+    ap.add_argument("--orderer-cpu", type=int,
+                    help="CPU of the order driver (default: the daemon's, CPU 0); 1 puts it "
+                         "with the origin, to see the daemon alone on its CPU")
     ap.add_argument("--quiet-wait", type=float, default=300,
                     help="seconds in all that runs may wait for other load to pass (default 300)")
     ap.add_argument("--from-json", metavar="FILE",
@@ -1058,7 +1062,7 @@ def main():
         with open(args.from_json) as f:
             saved = json.load(f)
         report(saved["runs"], saved["machine"], saved["started"], saved["mode"], saved["reps"],
-               args.readme)
+               args.readme, pinning=saved.get("pinning"))
         return 0
     only = set(args.only.replace(" ", "").split(","))
     if not only <= set("abcd"):
@@ -1113,19 +1117,23 @@ def main():
 
     mach = machine()
     mode = "quick" if args.quick else "full"
-    summary, tg = report(runs, mach, started.isoformat(timespec="seconds"), mode, reps, False)
+    pinning = {"client": env.cpu_client, "origin": env.cpu_origin, "orderer": env.cpu_orderer}
+    summary, tg = report(runs, mach, started.isoformat(timespec="seconds"), mode, reps, False,
+                         pinning=pinning)
 
     path = args.json or os.path.join(HERE, "results", started.strftime("%Y-%m-%dT%H%M%S") + ".json")
     os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
     with open(path, "w") as f:
         json.dump({"started": started.isoformat(timespec="seconds"), "mode": mode, "reps": reps,
                    "sizes": sizes, "scenarios": sorted(only), "machine": mach,
+                   "pinning": pinning,
                    "summary": summary, "targets": [{"target": n, "met": m, "figure": x}
                                                    for n, m, x in tg],
                    "runs": runs}, f, indent=1)
     log(f"bench: raw figures in {path}")
     if args.readme:
-        report(runs, mach, started.isoformat(timespec="seconds"), mode, reps, True, quiet=True)
+        report(runs, mach, started.isoformat(timespec="seconds"), mode, reps, True, quiet=True,
+               pinning=pinning)
     bad = [r for r in runs if not r["ok"]]
     if bad or not ok:
         log(f"bench: {len(bad)} run(s) failed their checks")
@@ -1133,7 +1141,7 @@ def main():
     return 0
 
 
-def report(runs, mach, started, mode, reps, readme, quiet=False):
+def report(runs, mach, started, mode, reps, readme, quiet=False, pinning=None):
     """Prints the table and the targets; with readme, records them in README.md."""
     summary = summarize(runs)
     table = markdown(summary)
@@ -1146,6 +1154,8 @@ def report(runs, mach, started, mode, reps, readme, quiet=False):
               f"{' '.join(mach['tools']['curl'].split()[:2])}, "
               f"{' '.join(mach['tools']['wget'].split()[:3])}, "
               f"{' '.join(mach['tools']['aria2c'].split()[:3])}.")
+    if pinning and pinning.get("orderer") != pinning.get("client"):
+        header += f" The order driver ran on CPU {pinning['orderer']}, not with the daemon."
     loads = [r["other_cpu_s"] / r["wall_s"] for r in runs
              if r.get("other_cpu_s") is not None and r.get("wall_s")]
     if loads:
