@@ -458,15 +458,16 @@ class Env:
         self.cpu_orderer = self.cpu_client if args.orderer_cpu is None else args.orderer_cpu
         self.work = os.path.join(args.work_dir, f"trov-bench-{os.getpid()}")
         self.disk = os.path.join(args.disk_dir, f"trov-bench-{os.getpid()}")
-        for d in (self.work, self.disk):
-            os.makedirs(d)
-            os.chmod(d, 0o755)  # the origin's worker does not run as root
         self.origin_root = os.path.join(self.work, "o")
         self.files = {}  # url path -> (fid, size)
         self.perf_dir = args.perf
         self.quiet_budget = float(args.quiet_wait)
         self.origin = None
         self.fid = 0
+        # Made last: nothing above can fail and leave them behind.
+        for d in (self.work, self.disk):
+            os.makedirs(d)
+            os.chmod(d, 0o755)  # the origin's worker does not run as root
 
     def make_files(self, sub, count, size, prefix="f"):
         d = os.path.join(self.origin_root, "f", sub)
