@@ -727,7 +727,8 @@ def scenario_a(env, sizes, reps, runs):
 def scenario_many(env, scen, sub, names, size, conc, reps, runs, levels, close_variant, timeout):
     case = f"{len(names)} x {human(size)}, {conc} at once"
     data = os.path.join(env.work, f"{scen}-data-{conc}")
-    daemons = {lv: Trov(env, f"{scen}-{conc}-{lv}", data, level=lv).start() for lv in levels}
+    daemons = {lv: Trov(env, f"{scen}-{conc}-{lv}", data, level=lv,
+                        mmap_mb=env.args.max_mmap_mb).start() for lv in levels}
     dst = os.path.join(data, "peer")
     os.makedirs(dst, exist_ok=True)
     peers = peers_many(env, sub, names, dst, conc, close_variant)
@@ -1051,6 +1052,9 @@ def main():
     ap.add_argument("--orderer-cpu", type=int,
                     help="CPU of the order driver (default: the daemon's, CPU 0); 1 puts it "
                          "with the origin, to see the daemon alone on its CPU")
+    ap.add_argument("--max-mmap-mb", type=int, default=8,
+                    help="the daemon's max_mmap_mb in b and c (default 8, the sample's; "
+                         "0 writes every body through the relay)")
     ap.add_argument("--quiet-wait", type=float, default=300,
                     help="seconds in all that runs may wait for other load to pass (default 300)")
     ap.add_argument("--from-json", metavar="FILE",
@@ -1118,7 +1122,8 @@ def main():
 
     mach = machine()
     mode = "quick" if args.quick else "full"
-    pinning = {"client": env.cpu_client, "origin": env.cpu_origin, "orderer": env.cpu_orderer}
+    pinning = {"client": env.cpu_client, "origin": env.cpu_origin, "orderer": env.cpu_orderer,
+               "max_mmap_mb_bc": args.max_mmap_mb}
     summary, tg = report(runs, mach, started.isoformat(timespec="seconds"), mode, reps, False,
                          pinning=pinning)
 
@@ -1157,6 +1162,8 @@ def report(runs, mach, started, mode, reps, readme, quiet=False, pinning=None):
               f"{' '.join(mach['tools']['aria2c'].split()[:3])}.")
     if pinning and pinning.get("orderer") != pinning.get("client"):
         header += f" The order driver ran on CPU {pinning['orderer']}, not with the daemon."
+    if pinning and pinning.get("max_mmap_mb_bc", 8) != 8:
+        header += f" max_mmap_mb = {pinning['max_mmap_mb_bc']} in b and c."
     loads = [r["other_cpu_s"] / r["wall_s"] for r in runs
              if r.get("other_cpu_s") is not None and r.get("wall_s")]
     if loads:
