@@ -80,6 +80,10 @@ void rqs_destroy();
 // Further arguments are ignored. An event of fd already in this pass's
 // buffer is still dispatched: the callee must recognise stale user data.
 int rqs_rm_fd(int fd, ...);
+// For a descriptor the caller closes right after and has never duplicated:
+// the close itself takes it out of the epoll set, so only the count of
+// registered descriptors is adjusted (one system call less per connection).
+int rqs_forget_fd(int fd);
 
 // No-poll entries are serviced on every pass (read or write callback with
 // flags 0) and make the wait return at once. The slot index is written to

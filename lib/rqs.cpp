@@ -672,6 +672,14 @@ int rqs_event_loop() {
     return rc != 0 ? rc : static_cast<int>(failed);
 }
 
+int rqs_forget_fd(int fd) {
+    XASSERT(s_rqs.poll_fds > 0);
+    s_rqs.poll_fds -= 1;
+    LOG_DBG("%s: fd%d, poll_fds count=%lu\n", __func__, fd,
+            static_cast<unsigned long>(s_rqs.poll_fds));
+    return 0;
+}
+
 size_t rqs_fd_count(int spec) {
     switch (spec) {
         case 0:
