@@ -300,10 +300,13 @@ int reply_to_str(const redisReply *reply, char *buf, size_t cap) {
                 LOG_ERR("%s: expected string, got %d\n", __func__, e->type);
                 return 22;
             }
-            // kept: unbounded; the scripts answer in an array only with a
-            // short text.
-            memcpy(buf, e->str, e->len);
-            buf[e->len] = '\0';
+            // Never refused for its length (the scripts answer in an array
+            // only with a short text), but a text longer than the buffer is
+            // cut at the same bound as a plain string rather than written
+            // past it: a broken script must not be able to corrupt memory.
+            const size_t n = e->len < cap ? e->len : cap;
+            memcpy(buf, e->str, n);
+            buf[n] = '\0';
             return 0;
         }
         case REDIS_REPLY_STATUS:
