@@ -61,8 +61,9 @@ class ItFault : public ::testing::Test {
         ASSERT_EQ(daemon_init(&d_, TROV_BIN), 0);
     }
     void TearDown() override {
-        daemon_destroy(&d_);
+        // Unmounted first, so that the removal of the directory can finish.
         if (!mnt_.empty()) (void)umount2(mnt_.c_str(), MNT_DETACH);
+        daemon_destroy(&d_);
         origin_destroy(org_);
     }
     void start(const daemon_conf &c) {

@@ -1,30 +1,27 @@
 // redis_server: a throw-away redis-server for tests. Each one runs in the
 // foreground on a free 127.0.0.1 port, without persistence, in a private
-// temporary directory; it is stopped by its PID and reaped, and dies with the
-// test process if that one dies first.
+// temporary directory (the runner's, see daemon.h); it is stopped by its PID
+// and reaped, and dies with the test process if that one dies first.
 #pragma once
 
 #include <hiredis/hiredis.h>
-#include <sys/types.h>
+
+#include "daemon.h"
 
 struct redis_server {
-    pid_t pid;           // 0 = not running
-    int port;            // kept after a stop, so a test can aim at a dead port
-    char dir[128];       // working directory; empty = none
-    char log_path[160];  // the server's own output, for a failing test to read
+    daemon_proc proc;  // the server process; its log is proc.err_path
+    int port;          // kept after a stop, so a test can aim at a dead port
 };
 
-// Starts a server (redis-server from PATH, or $TROV_REDIS_SERVER) and waits up
-// to 10 seconds until it answers PING. srv must be zeroed or destroyed before.
-// 0, or -1 with the reason on stderr (and nothing left running).
+// Starts redis-server from PATH and waits up to 10 seconds until it answers
+// PING. 0, or -1 with the reason on stderr (and nothing left running).
 [[nodiscard]] int redis_server_start(redis_server *srv);
 
-// Stops the server: SIGTERM, up to 5 seconds to exit, then SIGKILL; always
-// reaps it. Its directory stays until redis_server_destroy. The wait status,
-// or -1 when it was not running.
+// Stops and reaps the server (SIGTERM, 5 seconds, SIGKILL); its directory
+// stays. The wait status, or -1 when it was not running or had to be killed.
 int redis_server_stop(redis_server *srv);
 
-// Stops the server if it runs and removes its directory; srv is zeroed.
+// Stops the server if it runs and removes its directory.
 void redis_server_destroy(redis_server *srv);
 
 // A fresh blocking connection to the server, or null. Free it with redisFree.
