@@ -112,7 +112,7 @@ TEST_F(Wopen, BlockingOpenSendsTheExactRequestAndAcceptsOnly200) {
         ctx.http_flags = flags;
         int fd = usock_open(origin_url(o, path).c_str(), &ctx);
         ASSERT_GE(fd, 0) << path;
-        EXPECT_EQ(origin_requests(o).back().head,
+        EXPECT_EQ(origin_last_head(o),
                   "GET " + std::string(path) + (flags != 0 ? " HTTP/1.0" : " HTTP/1.1") +
                       "\r\nHost: 127.0.0.1:" + std::to_string(origin_port(o)) +
                       "\r\nConnection: close\r\nUser-Agent: trv/1.0\r\n"

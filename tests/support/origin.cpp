@@ -74,6 +74,7 @@ struct origin {
     std::condition_variable wake;   // ends every pause at a stop
     std::list<conn> conns;          // a list: each thread keeps a pointer to its entry
     std::vector<std::string> reqs;  // request targets
+    std::string last_head;          // the last request head, as received
 };
 
 namespace {
@@ -141,6 +142,13 @@ ending plain(int fd, int code, const std::string &text) {
     return send_all(fd, mk_head(code, text.size(), true) + text) ? ending::fin : ending::gone;
 }
 
+// A head without a body.
+ending plain_head(int fd, int code) {
+    return send_all(fd, "HTTP/1.1 " + std::to_string(code) + " No Content\r\nConnection: close\r\n\r\n")
+               ? ending::fin
+               : ending::gone;
+}
+
 // Sends the answer the path asks for; how the connection is to end.
 ending answer(origin *o, int fd, std::string_view path) {
     if (path.starts_with('/')) path.remove_prefix(1);
@@ -160,10 +168,12 @@ ending answer(origin *o, int fd, std::string_view path) {
     for (int i = 0; i < nums; ++i)
         if (!parse_num(next_seg(&path), &n[i])) return plain(fd, 400, "bad number in path\n");
     if (path.empty()) return plain(fd, 400, "missing name\n");
-    if (kind == "status")
-        return n[0] < 400 || n[0] > 599
-                   ? plain(fd, 400, "bad status code\n")
-                   : plain(fd, int(n[0]), "status " + std::to_string(n[0]) + "\n");
+    if (kind == "status") {
+        if (n[0] < 200 || n[0] > 599) return plain(fd, 400, "bad status code\n");
+        // A 204 has no body by definition; the rest carry a short text.
+        if (n[0] == 204) return plain_head(fd, 204);
+        return plain(fd, int(n[0]), "status " + std::to_string(n[0]) + "\n");
+    }
     uint64_t seed = name_seed(path), size = n[0];
     std::string head = mk_head(200, size, kind != "nolen");
     if (kind == "once") {
@@ -200,6 +210,7 @@ void serve_conn(origin *o, conn *c) {
         {
             std::lock_guard lk(o->mu);
             o->reqs.push_back(target);
+            o->last_head = in.substr(0, end + 4);
         }
         e = target.empty() ? plain(fd, 400, "malformed request line\n")
                            : answer(o, fd, std::string_view(target).substr(0, target.find('?')));
@@ -294,6 +305,11 @@ int origin_port(const origin *o) { return o->port; }
 
 std::string origin_url(const origin *o, const std::string &path) {
     return "http://127.0.0.1:" + std::to_string(o->port) + path;
+}
+
+std::string origin_last_head(const origin *o) {
+    std::lock_guard lk(o->mu);
+    return o->last_head;
 }
 
 size_t origin_request_count(const origin *o, const std::string &part) {

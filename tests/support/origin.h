@@ -12,7 +12,7 @@
 //   /f/<size>/<name>             200, Content-Length: size, the body of name
 //   /nolen/<size>/<name>         200 without Content-Length; body, end of stream
 //   /zero/<name>                 200, Content-Length: 0
-//   /status/<code>/<name>        that error status (400-599), body "status <code>\n"
+//   /status/<code>/<name>        that status (200-599), body "status <code>\n" (204: none)
 //   /split/<size>/<name>         as /f, the status line alone, the rest 200 ms later
 //   /short/<size>/<sent>/<name>  announces size, sends the first sent bytes, ends
 //   /reset/<size>/<name>         announces size, sends size/2 bytes, waits for their
@@ -47,6 +47,9 @@ std::string origin_url(const origin *o, const std::string &path);
 
 // The number of requests so far whose target (query included) contains part.
 size_t origin_request_count(const origin *o, const std::string &part = "");
+
+// The head of the last request received, up to its blank line.
+std::string origin_last_head(const origin *o);
 
 // Connections accepted and not yet closed; a bounded wait until there are
 // none (every client has closed its side), true when so.
