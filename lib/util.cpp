@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
+#include <grp.h>
 #include <pwd.h>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -75,6 +76,14 @@ int run_as_user(const char *name) {
             LOG_ERR("%s: getpwnam: user %s not found\n", __func__, name);
         else
             LOG_ERR("%s: getpwnam(%s): %s\n", __func__, name, strerror(err));
+        return -1;
+    }
+    // Root's supplementary groups would otherwise stay with the process after
+    // the switch: take the user's own instead (only root may, and only root
+    // needs to).
+    if (geteuid() == 0 && initgroups(pw->pw_name, pw->pw_gid) != 0) {
+        const int err = errno;
+        LOG_ERR("%s: initgroups(%s) ERROR(%d): %s\n", __func__, pw->pw_name, err, strerror(err));
         return -1;
     }
     return run_as_user_id(pw->pw_uid, pw->pw_gid);
