@@ -386,42 +386,47 @@ ssize_t read_file_buf(const char *path, char *buf, size_t size) {
     return ssize_t(got);
 }
 
-// Handlers keep errno: they interrupt code that may be about to read it.
-void on_sigquit(int signo) {
+namespace {
+// Every handler marks the in-signal state while it logs (no syslog, no
+// rotation from inside a handler) and keeps errno: it interrupts code that
+// may be about to read it.
+template <class F>
+void in_handler(F body) {
     const int saved_errno = errno;
     g_sigctx = 1;
-    g_quit = 1;
-    if (signo == SIGTERM || signo == SIGINT) g_goodbye = 1;
-    LOG_NRM("QUIT-SIG(%d)\n", signo);
-    // Nothing else may interrupt the shut-down.
-    for (int s : {SIGCHLD, SIGHUP, SIGUSR1}) (void)install(s, SIG_IGN);
+    body();
     g_sigctx = 0;
     errno = saved_errno;
+}
+}  // namespace
+
+void on_sigquit(int signo) {
+    in_handler([signo] {
+        g_quit = 1;
+        if (signo == SIGTERM || signo == SIGINT) g_goodbye = 1;
+        LOG_NRM("QUIT-SIG(%d)\n", signo);
+        // Nothing else may interrupt the shut-down.
+        for (int s : {SIGCHLD, SIGHUP, SIGUSR1}) (void)install(s, SIG_IGN);
+    });
 }
 
 void on_sighup(int signo) {
-    const int saved_errno = errno;
-    g_sigctx = 1;
-    g_hup = 1;
-    LOG_NRM("SIGHUP(%d)\n", signo);
-    g_sigctx = 0;
-    errno = saved_errno;
+    in_handler([signo] {
+        g_hup = 1;
+        LOG_NRM("SIGHUP(%d)\n", signo);
+    });
 }
 
 void on_sigusr1(int signo) {
-    const int saved_errno = errno;
-    g_sigctx = 1;
-    g_usr1 = 1;
-    LOG_NRM("SIGUSR1(%d)\n", signo);
-    g_sigctx = 0;
-    errno = saved_errno;
+    in_handler([signo] {
+        g_usr1 = 1;
+        LOG_NRM("SIGUSR1(%d)\n", signo);
+    });
 }
 
 void on_tdbg(int signo) {
-    const int saved_errno = errno;
-    g_sigctx = 1;
-    g_tdbg = 1;
-    LOG_NRM("T-DBG SIG(%d)\n", signo);
-    g_sigctx = 0;
-    errno = saved_errno;
+    in_handler([signo] {
+        g_tdbg = 1;
+        LOG_NRM("T-DBG SIG(%d)\n", signo);
+    });
 }
