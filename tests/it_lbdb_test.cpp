@@ -2,11 +2,8 @@
 // reference scripts loaded, the real daemon registering what it downloads.
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -21,11 +18,7 @@ namespace {
 constexpr int WAIT_MS = 10000;
 // Files under the data directory are served at this prefix; a source URL
 // already under it is a local file.
-constexpr const char *PREFIX = "http://edge1.example";
-
-std::string order(const std::string &target) {
-    return "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: it-test/1.0\r\n\r\n";
-}
+const std::string PREFIX = "http://edge1.example";
 
 class ItLbdb : public ::testing::Test {
    protected:
@@ -40,6 +33,12 @@ class ItLbdb : public ::testing::Test {
         ASSERT_EQ(redis_server_load_lbdb(&rs_, TROV_SOURCE_DIR, sha_dir_.c_str()), 0);
         redis_ = redis_server_client(&rs_);
         ASSERT_NE(redis_, nullptr);
+        udp_port_ = pick_free_port(SOCK_DGRAM);
+        ASSERT_GT(udp_port_, 0);
+        conf_.lbdb_port = rs_.port;
+        conf_.lbdb_sha1_dir = sha_dir_;
+        conf_.local_url_prefix = PREFIX + "/";
+        conf_.udp_url = "udp://127.0.0.1:" + std::to_string(udp_port_);
     }
     void TearDown() override {
         if (redis_ != nullptr) redisFree(redis_);
@@ -47,127 +46,89 @@ class ItLbdb : public ::testing::Test {
         origin_destroy(org_);
         redis_server_destroy(&rs_);
     }
-    daemon_conf conf() {
-        daemon_conf c;
-        c.lbdb_port = rs_.port;
-        c.lbdb_sha1_dir = sha_dir_;
-        c.local_url_prefix = std::string(PREFIX) + "/";
-        return c;
+    // Starts the daemon; when it must refuse, its wait status text instead.
+    std::string start(bool refused = false) {
+        EXPECT_EQ(daemon_configure(&d_, conf_), 0);
+        EXPECT_EQ(daemon_start(&d_), 0);
+        if (refused) return daemon_status_text(daemon_wait_exit(&d_, WAIT_MS));
+        EXPECT_EQ(daemon_wait_log(&d_, "STARTING. PID=", WAIT_MS), 0);
+        return "";
     }
-    void start(const daemon_conf &c) {
-        ASSERT_EQ(daemon_configure(&d_, c), 0);
-        ASSERT_EQ(daemon_start(&d_), 0);
-        ASSERT_EQ(daemon_wait_log(&d_, "STARTING. PID=", WAIT_MS), 0);
-    }
-    // The expiry registered for url under the segment id, or "" when none.
-    std::string registered(const std::string &id, const std::string &url) {
+    // The expiry registered for the file at rel, or "" when none.
+    std::string registered(const std::string &rel) {
         auto *r = static_cast<redisReply *>(
-            redisCommand(redis_, "HGET %s %s", id.c_str(), ("u:" + url).c_str()));
+            redisCommand(redis_, "HGET %s %s", rel.c_str(), ("u:" + PREFIX + "/" + rel).c_str()));
         std::string v = (r != nullptr && r->type == REDIS_REPLY_STRING) ? r->str : "";
         if (r != nullptr) freeReplyObject(r);
         return v;
     }
-    net_reply fetch(const std::string &path, const std::string &dst, long expiry) {
-        std::string target =
-            "/src/" + origin_url(org_, path) + "/dst/" + dst + "?expiry=" + std::to_string(expiry);
-        return net_exchange(d_.port, order(target), WAIT_MS);
+    int fetch(const std::string &src, const std::string &dst, long expiry) {
+        std::string target = "/src/" + src + "/dst" + dst + "?expiry=" + std::to_string(expiry);
+        std::string head =
+            "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: t/1\r\n\r\n";
+        return net_exchange(d_.port, head, WAIT_MS).status;
     }
-    // Runs the daemon expecting it to fail at start; its wait status.
-    int failed_start(const daemon_conf &c) {
-        EXPECT_EQ(daemon_configure(&d_, c), 0);
-        EXPECT_EQ(daemon_start(&d_), 0);
-        return daemon_wait_exit(&d_, WAIT_MS);
-    }
+    bool logged(const std::string &text) { return daemon_wait_log(&d_, text, WAIT_MS) == 0; }
 
     redis_server rs_{};
     redisContext *redis_ = nullptr;
     origin *org_ = nullptr;
     daemon_proc d_{};
+    daemon_conf conf_;
     std::string sha_dir_;
+    int udp_port_ = 0;
 };
 
-TEST_F(ItLbdb, CompletedDownloadIsRegisteredWithItsExpiry) {
-    start(conf());
+TEST_F(ItLbdb, DownloadsAndLocalUrlsAreRegisteredAndFilesStayWhenTheServerIsLost) {
+    start();
     long expiry = long(time(nullptr)) + 3600;
-    EXPECT_EQ(fetch("/f/3000/reg", "live/reg.ts", expiry).status, 200);
-    ASSERT_EQ(daemon_wait_log(&d_, "downloaded: 3000 bytes", WAIT_MS), 0);
-    EXPECT_EQ(registered("live/reg.ts", std::string(PREFIX) + "/live/reg.ts"),
-              std::to_string(expiry));
-    EXPECT_EQ(daemon_count_log(&d_, "add_lbdb_url: id=[live/reg.ts], url=[" + std::string(PREFIX) +
-                                        "/live/reg.ts], expiry=" + std::to_string(expiry)),
-              1);
+    EXPECT_EQ(fetch(origin_url(org_, "/f/3000/reg"), "/live/reg.ts", expiry), 200);
+    ASSERT_TRUE(logged("downloaded: 3000 bytes"));
+    EXPECT_EQ(registered("live/reg.ts"), std::to_string(expiry));
+    EXPECT_TRUE(logged("add_lbdb_url: id=[live/reg.ts], url=[" + PREFIX +
+                       "/live/reg.ts], expiry=" + std::to_string(expiry)));
     EXPECT_EQ(origin_expect_file(d_.data_dir + "/live/reg.ts", "reg", 3000), "");
-}
-
-TEST_F(ItLbdb, LocalUrlIsRegisteredWithoutADownloadOnBothChannels) {
-    daemon_conf c = conf();
-    int udp_port = pick_free_port(SOCK_DGRAM);
-    c.udp_url = "udp://127.0.0.1:" + std::to_string(udp_port);
-    start(c);
-    long expiry = long(time(nullptr)) + 600;
-    std::string local = std::string(PREFIX) + "/a/b.ts";
-    net_reply r = net_exchange(
-        d_.port, order("/src/" + local + "/dst?expiry=" + std::to_string(expiry)), WAIT_MS);
-    EXPECT_EQ(r.status, 200);
-    EXPECT_EQ(registered("a/b.ts", std::string(PREFIX) + "/a/b.ts"), std::to_string(expiry));
-
-    std::string dgram =
-        "#!loc01 http://0/src/" + std::string(PREFIX) + "/c/d.ts/dst " + std::to_string(expiry);
-    ASSERT_EQ(udp_send(udp_port, dgram.data(), dgram.size()), 0);
-    ASSERT_EQ(daemon_wait_log(&d_, "add_lbdb_url: id=[c/d.ts]", WAIT_MS), 0);
-    for (int i = 0; i < 200 && registered("c/d.ts", std::string(PREFIX) + "/c/d.ts").empty(); ++i)
-        usleep(10000);
-    EXPECT_EQ(registered("c/d.ts", std::string(PREFIX) + "/c/d.ts"), std::to_string(expiry));
-    EXPECT_EQ(daemon_count_log(&d_, "TASK-START"), 0);
-    EXPECT_EQ(origin_request_count(org_), 0u);
-}
-
-TEST_F(ItLbdb, LostDatabaseFailsRegistrationButTheFileStays) {
-    start(conf());
+    // A local URL is registered without a download, on both channels.
+    EXPECT_EQ(fetch(PREFIX + "/a/b.ts", "", expiry + 1), 200);
+    EXPECT_EQ(registered("a/b.ts"), std::to_string(expiry + 1));
+    std::string dg = "#!loc01 http://0/src/" + PREFIX + "/c/d.ts/dst " + std::to_string(expiry);
+    ASSERT_EQ(udp_send(udp_port_, dg.data(), dg.size()), 0);
+    EXPECT_TRUE(
+        wait_until(WAIT_MS, [&] { return registered("c/d.ts") == std::to_string(expiry); }));
+    ASSERT_TRUE(logged("add_lbdb_url: id=[c/d.ts]"));
+    EXPECT_EQ(daemon_count_log(&d_, "TASK-START"), 1);
+    EXPECT_EQ(origin_request_count(org_), 1u);
+    // The server gone, the registration fails and the file stays.
     ASSERT_GE(redis_server_stop(&rs_), 0);
-    EXPECT_EQ(fetch("/f/500/lost", "lost.ts", long(time(nullptr)) + 60).status, 200);
-    ASSERT_EQ(daemon_wait_log(&d_, "downloaded: 500 bytes", WAIT_MS), 0);
+    EXPECT_EQ(fetch(origin_url(org_, "/f/500/lost"), "/lost.ts", expiry), 200);
+    ASSERT_TRUE(logged("downloaded: 500 bytes"));
     EXPECT_EQ(daemon_count_log(&d_, "lbdb_add_segurl: NULL as reply"), 1);
     EXPECT_EQ(daemon_count_log(&d_, "add_lbdb_url: failed to add [lost.ts]"), 1);
     EXPECT_EQ(origin_expect_file(d_.data_dir + "/lost.ts", "lost", 500), "");
-    // The daemon keeps serving orders.
-    EXPECT_EQ(fetch("/f/10/after", "after.ts", 0).status, 200);
-    EXPECT_EQ(daemon_wait_log(&d_, "downloaded: 10 bytes", WAIT_MS), 0);
+    EXPECT_EQ(fetch(origin_url(org_, "/f/10/after"), "/after.ts", 0), 200);
+    EXPECT_TRUE(logged("downloaded: 10 bytes"));
 }
 
-TEST_F(ItLbdb, StartFailsWithoutTheDatabaseOrItsScripts) {
-    // A script missing on the server.
-    auto *r = static_cast<redisReply *>(redisCommand(redis_, "SCRIPT FLUSH"));
-    ASSERT_NE(r, nullptr);
-    freeReplyObject(r);
-    int st = failed_start(conf());
-    ASSERT_TRUE(WIFEXITED(st)) << daemon_status_text(st);
-    EXPECT_NE(WEXITSTATUS(st), 0);
+TEST_F(ItLbdb, StartIsRefusedWithoutTheServerItsScriptsOrWellFormedDigests) {
+    const std::string digest = sha_dir_ + "/add_url.sha1", good = daemon_read_file(digest);
+    std::ofstream(digest, std::ios::trunc) << std::string(37, 'a') << "\n";
+    EXPECT_EQ(start(true), "exited 1");
+    EXPECT_EQ(daemon_count_log(&d_, "unexpected SHA1 size: 38"), 1);
+    // An empty digest file passes the read and stops the start at connect.
+    std::ofstream(digest, std::ios::trunc).flush();
+    EXPECT_EQ(start(true), "killed by signal 6");
+    EXPECT_EQ(daemon_count_log(&d_, "ASSERT at:"), 1);
+    // The scripts missing on the server.
+    std::ofstream(digest, std::ios::trunc) << good;
+    freeReplyObject(redisCommand(redis_, "SCRIPT FLUSH"));
+    EXPECT_EQ(start(true), "exited 2");
     EXPECT_EQ(
         daemon_count_log(&d_, "lbdb_connect: failed for 127.0.0.1:" + std::to_string(rs_.port)), 1);
     EXPECT_EQ(daemon_count_log(&d_, "init_trov_ctx: failed to [?]"), 1);
-
     // The server down.
     ASSERT_GE(redis_server_stop(&rs_), 0);
-    st = failed_start(conf());
-    ASSERT_TRUE(WIFEXITED(st)) << daemon_status_text(st);
-    EXPECT_EQ(WEXITSTATUS(st), 1);
-    EXPECT_GE(daemon_count_log(&d_, "redisConnectWithTimeout ERROR"), 1);
-}
-
-TEST_F(ItLbdb, DigestFilesOfTheWrongShape) {
-    { std::ofstream(sha_dir_ + "/add_url.sha1") << std::string(37, 'a') << "\n"; }
-    int st = failed_start(conf());
-    ASSERT_TRUE(WIFEXITED(st)) << daemon_status_text(st);
-    EXPECT_EQ(WEXITSTATUS(st), 1);
-    EXPECT_EQ(daemon_count_log(&d_, "unexpected SHA1 size: 38"), 1);
-
-    // An empty digest file passes the read and stops the start at connect.
-    { std::ofstream(sha_dir_ + "/add_url.sha1", std::ios::trunc); }
-    st = failed_start(conf());
-    ASSERT_TRUE(WIFSIGNALED(st)) << daemon_status_text(st);
-    EXPECT_EQ(WTERMSIG(st), SIGABRT);
-    EXPECT_GE(daemon_count_log(&d_, "ASSERT at:"), 1);
+    EXPECT_EQ(start(true), "exited 1");
+    EXPECT_EQ(daemon_count_log(&d_, "redisConnectWithTimeout ERROR"), 1);
 }
 
 }  // namespace
