@@ -12,10 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -26,11 +23,7 @@ extern char **environ;
 
 namespace {
 
-constexpr int k_kill_reap_ms = 10000;
-constexpr size_t k_tail_bytes = 4096;  // of the log and standard error, shown for a failed test
-
-// The runner's paths hold no quote or backslash, so no escaping is needed.
-std::string cfg_str(const std::string &s) { return "\"" + s + "\""; }
+using line_match = std::function<bool(const std::string &)>;
 
 // Reaps the child if it has ended. True when it has (status kept, pid 0).
 bool reap_if_done(daemon_proc *d) {
@@ -43,98 +36,96 @@ bool reap_if_done(daemon_proc *d) {
     return true;
 }
 
-template <class Match>
-int count_lines(const std::string &path, size_t from, const Match &match) {
+int count_lines(const std::string &path, size_t from, const line_match &match) {
     std::string text = daemon_read_file(path);
-    std::string_view rest = std::string_view(text).substr(std::min(from, text.size()));
+    std::istringstream in(text.substr(std::min(from, text.size())));
     int n = 0;
-    for (size_t i = 0; i < 1u << 30 && !rest.empty(); ++i) {
-        size_t nl = rest.find('\n');
-        n += match(rest.substr(0, nl)) ? 1 : 0;
-        rest.remove_prefix(nl == std::string_view::npos ? rest.size() : nl + 1);
-    }
+    for (std::string line; std::getline(in, line);) n += match(line) ? 1 : 0;
     return n;
 }
 
-template <class Match>
-int wait_lines(daemon_proc *d, int timeout_ms, int min_count, size_t from, const Match &match) {
+int wait_lines(daemon_proc *d, int timeout_ms, int min_count, size_t from, const line_match &m) {
     int rc = DAEMON_TIMEOUT;
     (void)wait_until(timeout_ms, [&] {
         // Reaped before the look at the log, so that lines written just
         // before the exit still count.
         bool ended = reap_if_done(d);
-        rc = count_lines(d->log_path, from, match) >= min_count ? 0
-             : ended                                            ? DAEMON_EXITED
-                                                                : DAEMON_TIMEOUT;
+        rc = count_lines(d->log_path, from, m) >= min_count ? 0
+             : ended                                        ? DAEMON_EXITED
+                                                            : DAEMON_TIMEOUT;
         return rc != DAEMON_TIMEOUT;
     });
     return rc;
 }
 
-std::string tail(const std::string &text) {
-    return text.substr(text.size() > k_tail_bytes ? text.size() - k_tail_bytes : 0);
+line_match containing(const std::string &text) {
+    return [text](const std::string &l) { return l.find(text) != std::string::npos; };
 }
+
+std::string tail(const std::string &path) {  // what a failed test shows of a file
+    std::string text = daemon_read_file(path);
+    return text.substr(text.size() > 4096 ? text.size() - 4096 : 0);
+}
+
+std::string quoted(const std::string &s) { return "\"" + s + "\""; }  // paths need no escapes
 
 }  // namespace
 
 int daemon_init(daemon_proc *d, const std::string &bin) {
-    *d = daemon_proc{};
-    d->status = -1;
-    d->bin = bin;
     char tmpl[] = "/tmp/trov-it-XXXXXX";  // short: the daemon's paths are limited to 127 bytes
-    if (mkdtemp(tmpl) == nullptr) {
-        fprintf(stderr, "daemon: mkdtemp: %s\n", strerror(errno));
-        return -1;
+    std::string dir = mkdtemp(tmpl) != nullptr ? tmpl : "";
+    *d = daemon_proc{.bin = bin,
+                     .dir = dir,
+                     .data_dir = dir + "/data",
+                     .lock_dir = dir + "/lock",
+                     .conf_path = dir + "/trov.conf",
+                     .pid_path = dir + "/trov.pid",
+                     .log_path = dir + "/log/trov.log",
+                     .out_path = dir + "/stdout.txt",
+                     .err_path = dir + "/stderr.txt",
+                     .env = {},
+                     .port = 0,
+                     .pid = 0,
+                     .status = -1};
+    for (const std::string &sub : {d->data_dir, d->lock_dir, dir + "/log"}) {
+        if (dir.empty() || mkdir(sub.c_str(), 0755) != 0) {
+            fprintf(stderr, "daemon: cannot make %s: %s\n", sub.c_str(), strerror(errno));
+            return -1;
+        }
     }
-    d->dir = tmpl;
-    d->data_dir = d->dir + "/data";
-    d->lock_dir = d->dir + "/lock";
-    d->conf_path = d->dir + "/trov.conf";
-    d->log_path = d->dir + "/log/trov.log";
-    d->pid_path = d->dir + "/trov.pid";
-    d->out_path = d->dir + "/stdout.txt";
-    d->err_path = d->dir + "/stderr.txt";
-    if (mkdir(d->data_dir.c_str(), 0755) == 0 && mkdir(d->lock_dir.c_str(), 0755) == 0 &&
-        mkdir((d->dir + "/log").c_str(), 0755) == 0)
-        return 0;
-    fprintf(stderr, "daemon: mkdir in %s: %s\n", d->dir.c_str(), strerror(errno));
-    return -1;
+    return 0;
 }
 
 std::string daemon_render_config(daemon_proc *d, const daemon_conf &c) {
-    std::string t = "trov: {\n  log: { file = " + cfg_str(d->log_path) +
-                    "; level = " + cfg_str(c.level) +
+    std::string t = "trov: {\n  log: { file = " + quoted(d->log_path) +
+                    "; level = " + quoted(c.level) +
                     "; time_format = \"local\"; enable_syslog = false; };\n"
-                    "  runtime: { non_daemon = true; enforce_core_dumps = false;";
-    if (c.pidfile) t += " pidfile = " + cfg_str(d->pid_path) + ";";
-    t += " };\n";
+                    "  runtime: { non_daemon = true; enforce_core_dumps = false;" +
+                    (c.pidfile ? " pidfile = " + quoted(d->pid_path) + ";" : "") + " };\n";
     d->port = c.web ? pick_free_port(SOCK_STREAM) : 0;
     if (c.web)
         t += "  web_input: { alias = \"web\"; ifc = \"127.0.0.1\"; port = " +
              std::to_string(d->port) + "; };\n";
-    if (!c.udp_url.empty()) {
-        t += "  udp_input: { url = " + cfg_str(c.udp_url) +
+    if (!c.udp_url.empty())
+        t += "  udp_input: { url = " + quoted(c.udp_url) +
              "; is_gzipped = false; must_lock = " + (c.udp_must_lock ? "true" : "false") +
-             "; lock_dir = " + cfg_str(c.udp_lock_dir.empty() ? d->lock_dir : c.udp_lock_dir) + ";";
-        if (!c.udp_mcast_ifc.empty()) t += " mcast_ifc = " + cfg_str(c.udp_mcast_ifc) + ";";
-        t += " };\n";
-    }
+             "; lock_dir = " + quoted(c.udp_lock_dir.empty() ? d->lock_dir : c.udp_lock_dir) + ";" +
+             (c.udp_mcast_ifc.empty() ? "" : " mcast_ifc = " + quoted(c.udp_mcast_ifc) + ";") +
+             " };\n";
     if (c.lbdb_port != 0)
         t += "  lbdb: { host = \"127.0.0.1\"; port = " + std::to_string(c.lbdb_port) +
-             "; connect_tmout_ms = 500; sha1_dir = " + cfg_str(c.lbdb_sha1_dir) + "; };\n";
-    t += "  data_dir = " + cfg_str(c.data_dir.empty() ? d->data_dir : c.data_dir) + ";\n";
+             "; connect_tmout_ms = 500; sha1_dir = " + quoted(c.lbdb_sha1_dir) + "; };\n";
+    t += "  data_dir = " + quoted(c.data_dir.empty() ? d->data_dir : c.data_dir) + ";\n";
     if (!c.local_url_prefix.empty())
-        t += "  local_url_prefix = " + cfg_str(c.local_url_prefix) + ";\n";
-    t += "  max_tasks = " + std::to_string(c.max_tasks) +
-         "; max_mmap_mb = " + std::to_string(c.max_mmap_mb) +
-         "; urq_tmout_sec = " + std::to_string(c.urq_tmout_sec) +
-         "; task_tmout_ms = " + std::to_string(c.task_tmout_ms) + ";\n  " + c.extra + "\n};\n";
-    return t;
+        t += "  local_url_prefix = " + quoted(c.local_url_prefix) + ";\n";
+    return t + "  max_tasks = " + std::to_string(c.max_tasks) +
+           "; max_mmap_mb = " + std::to_string(c.max_mmap_mb) +
+           "; urq_tmout_sec = " + std::to_string(c.urq_tmout_sec) +
+           "; task_tmout_ms = " + std::to_string(c.task_tmout_ms) + ";\n  " + c.extra + "\n};\n";
 }
 
 int daemon_write_config(daemon_proc *d, const std::string &text) {
-    std::ofstream f(d->conf_path);
-    if (f << text && f.flush()) return 0;
+    if (std::ofstream f(d->conf_path); f << text && f.flush()) return 0;
     fprintf(stderr, "daemon: cannot write %s\n", d->conf_path.c_str());
     return -1;
 }
@@ -151,26 +142,19 @@ int daemon_start(daemon_proc *d, const std::vector<std::string> &args) {
     }
     // Everything the child needs is built before the fork: between fork and
     // exec only async-signal-safe calls are allowed, and the origin's threads
-    // may hold the allocator's lock.
-    std::vector<std::string> av =
-        args.empty() ? std::vector<std::string>{"-T", "-C", d->conf_path} : args;
-    av.insert(av.begin(), d->bin);
-    // The additions go first: the C library's getenv takes the first match.
-    std::vector<std::string> ev = d->env;
+    // may hold the allocator's lock. The additions to the environment go
+    // first, as the C library's getenv takes the first match.
+    std::vector<std::string> av = {d->bin}, ev = d->env;
+    av.insert(av.end(), args.begin(), args.end());
+    if (args.empty()) av.insert(av.end(), {"-T", "-C", d->conf_path});
     for (char **e = environ; *e != nullptr; ++e) ev.emplace_back(*e);
     std::vector<char *> argv, envp;
     for (std::string &a : av) argv.push_back(a.data());
     for (std::string &e : ev) envp.push_back(e.data());
     argv.push_back(nullptr);
     envp.push_back(nullptr);
-    const char *dir = d->dir.c_str(), *out = d->out_path.c_str(), *err = d->err_path.c_str();
-
     pid_t parent = getpid();
     pid_t pid = fork();
-    if (pid < 0) {
-        fprintf(stderr, "daemon: fork: %s\n", strerror(errno));
-        return -1;
-    }
     if (pid == 0) {
         // The death signal follows the forking thread; tests fork from their
         // main thread, which lives as long as the test.
@@ -179,18 +163,22 @@ int daemon_start(daemon_proc *d, const std::vector<std::string> &args) {
         sigset_t none;
         sigemptyset(&none);
         (void)sigprocmask(SIG_SETMASK, &none, nullptr);
-        for (int s = 1; s < NSIG; ++s) (void)signal(s, SIG_DFL);
+        for (int s = 1; s < NSIG; ++s) (void)signal(s, SIG_DFL);  // an ignored one would stay so
         int in = open("/dev/null", O_RDONLY);
-        int o = open(out, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int e = open(err, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int o = open(d->out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);  // no allocation
+        int e = open(d->err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (in < 0 || o < 0 || e < 0 || dup2(in, 0) < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0 ||
-            chdir(dir) != 0)
+            chdir(d->dir.c_str()) != 0)
             _exit(127);
         // Descriptors the test holds without close-on-exec (client libraries
         // open them so) must not reach the child: they would skew its count.
         (void)close_range(3, ~0u, 0);
         execve(argv[0], argv.data(), envp.data());
         _exit(127);
+    }
+    if (pid < 0) {
+        fprintf(stderr, "daemon: fork: %s\n", strerror(errno));
+        return -1;
     }
     d->pid = pid;
     d->status = -1;
@@ -199,21 +187,18 @@ int daemon_start(daemon_proc *d, const std::vector<std::string> &args) {
 
 int daemon_wait_log(daemon_proc *d, const std::string &text, int timeout_ms, int min_count,
                     size_t from) {
-    return wait_lines(d, timeout_ms, min_count, from,
-                      [&](std::string_view l) { return l.find(text) != std::string_view::npos; });
+    return wait_lines(d, timeout_ms, min_count, from, containing(text));
 }
 
 int daemon_wait_log_regex(daemon_proc *d, const std::string &re, int timeout_ms, int min_count,
                           size_t from) {
     std::regex rx(re);
-    return wait_lines(d, timeout_ms, min_count, from, [&](std::string_view l) {
-        return std::regex_search(l.begin(), l.end(), rx);
-    });
+    return wait_lines(d, timeout_ms, min_count, from,
+                      [&](const std::string &l) { return std::regex_search(l, rx); });
 }
 
 int daemon_count_log(const daemon_proc *d, const std::string &text, size_t from) {
-    return count_lines(d->log_path, from,
-                       [&](std::string_view l) { return l.find(text) != std::string_view::npos; });
+    return count_lines(d->log_path, from, containing(text));
 }
 
 size_t daemon_log_mark(const daemon_proc *d) {
@@ -222,9 +207,8 @@ size_t daemon_log_mark(const daemon_proc *d) {
 }
 
 std::string daemon_read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
@@ -239,13 +223,12 @@ int daemon_wait_exit(daemon_proc *d, int timeout_ms) {
     fprintf(stderr, "daemon: pid %ld still running after %d ms, killing it\n", long(d->pid),
             timeout_ms);
     (void)kill(d->pid, SIGKILL);
-    (void)wait_until(k_kill_reap_ms, [d] { return reap_if_done(d); });
+    (void)wait_until(10000, [d] { return reap_if_done(d); });
     return -1;
 }
 
 int daemon_stop(daemon_proc *d, int timeout_ms) {
-    if (daemon_signal(d, SIGTERM) != 0) return -1;
-    return daemon_wait_exit(d, timeout_ms);
+    return daemon_signal(d, SIGTERM) == 0 ? daemon_wait_exit(d, timeout_ms) : -1;
 }
 
 bool daemon_running(daemon_proc *d) { return !reap_if_done(d); }
@@ -260,20 +243,18 @@ int daemon_fd_count(const daemon_proc *d) {
 }
 
 long daemon_rss_kb(const daemon_proc *d) {
-    if (d->pid <= 0) return -1;
-    std::string st = daemon_read_file("/proc/" + std::to_string(d->pid) + "/status");
+    std::string st =
+        d->pid > 0 ? daemon_read_file("/proc/" + std::to_string(d->pid) + "/status") : "";
     size_t at = st.find("\nVmRSS:");
     return at == std::string::npos ? -1 : atol(st.c_str() + at + 7);
 }
 
 void daemon_destroy(daemon_proc *d) {
     if (!reap_if_done(d) && daemon_stop(d) < 0) fprintf(stderr, "daemon: had to kill the child\n");
-    if (!d->dir.empty() && ::testing::Test::HasFailure()) {
+    if (!d->dir.empty() && ::testing::Test::HasFailure())
         fprintf(stderr, "daemon: [%s] last %s\n---- %s\n%s---- %s\n%s", d->bin.c_str(),
                 daemon_status_text(d->status).c_str(), d->log_path.c_str(),
-                tail(daemon_read_file(d->log_path)).c_str(), d->err_path.c_str(),
-                tail(daemon_read_file(d->err_path)).c_str());
-    }
+                tail(d->log_path).c_str(), d->err_path.c_str(), tail(d->err_path).c_str());
     std::error_code ec;
     if (!d->dir.empty()) (void)std::filesystem::remove_all(d->dir, ec);
     *d = daemon_proc{};
@@ -305,7 +286,7 @@ int daemon_run(const std::string &bin, const std::vector<std::string> &args, int
 
 std::string daemon_find_program(const std::string &name) {
     const char *path = getenv("PATH");
-    std::stringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
+    std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
     for (std::string dir; std::getline(dirs, dir, ':');)
         if (!dir.empty() && access((dir + "/" + name).c_str(), X_OK) == 0) return dir + "/" + name;
     return "";

@@ -44,21 +44,19 @@ struct daemon_proc {
 constexpr int DAEMON_TIMEOUT = -1;  // the deadline passed
 constexpr int DAEMON_EXITED = -2;   // the child ended first; its wait status is in status
 
-// Makes the private directory (under /tmp) with its data, log and lock
-// directories. 0, or -1 with the reason on stderr.
+// Makes the private directory under /tmp with data, log and lock directories.
+// 0, or -1 with the reason on stderr (as for every int result below).
 [[nodiscard]] int daemon_init(daemon_proc *d, const std::string &bin);
 
-// A configuration in the daemon's syntax for d's directories, with a free web
-// port kept in d->port; written to d->conf_path (0, or -1 with the reason on
-// stderr), or rendered and written in one step.
+// A configuration for d's directories with a free web port (kept in
+// d->port); writing it to d->conf_path, or both in one step.
 std::string daemon_render_config(daemon_proc *d, const daemon_conf &c = daemon_conf{});
 [[nodiscard]] int daemon_write_config(daemon_proc *d, const std::string &text);
 [[nodiscard]] int daemon_configure(daemon_proc *d, const daemon_conf &c = daemon_conf{});
 
-// Starts bin with args ("-T -C <conf_path>" when empty) in d->dir, standard
-// input from /dev/null and the output streams into out_path and err_path. The
-// child gets no descriptor of the test beyond 0-2 and is killed if the test
-// process dies. 0, or -1 with the reason on stderr.
+// Starts bin with args ("-T -C <conf_path>" when empty) in d->dir, input from
+// /dev/null, output into out_path and err_path, no descriptor beyond 0-2; it
+// is killed if the test process dies.
 [[nodiscard]] int daemon_start(daemon_proc *d, const std::vector<std::string> &args = {});
 
 // Waits until at least min_count lines of the log from byte offset from
@@ -70,7 +68,7 @@ std::string daemon_render_config(daemon_proc *d, const daemon_conf &c = daemon_c
                                         int min_count = 1, size_t from = 0);
 
 // Lines of the log from offset from that contain text (an unfinished last
-// line included), and the log's current size as an offset for from.
+// line included); the log's size, as an offset for from.
 int daemon_count_log(const daemon_proc *d, const std::string &text, size_t from = 0);
 size_t daemon_log_mark(const daemon_proc *d);
 
@@ -83,28 +81,25 @@ int daemon_signal(daemon_proc *d, int sig);
 // At the deadline it is killed with SIGKILL and reaped, the wait fails with
 // -1 and status holds the status of the kill. -1 as well when nothing runs.
 int daemon_wait_exit(daemon_proc *d, int timeout_ms);
-
 // SIGTERM, then daemon_wait_exit(timeout_ms); and whether the child still
 // runs (an ended child is reaped there, status kept).
 int daemon_stop(daemon_proc *d, int timeout_ms = 5000);
 bool daemon_running(daemon_proc *d);
 
-// Open descriptors and resident set size in KiB of the running child; -1
-// when unreadable.
+// Open descriptors and resident KiB of the running child; -1 when unreadable.
 int daemon_fd_count(const daemon_proc *d);
 long daemon_rss_kb(const daemon_proc *d);
 
-// Stops a running child (SIGTERM, 5 seconds, then SIGKILL), prints the tail
-// of its log and standard error when the current test has failed, and
-// removes the directory.
+// Stops a running child as daemon_stop does, prints the tails of its log and
+// standard error when the current test has failed, removes the directory.
 void daemon_destroy(daemon_proc *d);
 
 // "exited 0", "killed by signal 9", ...
 std::string daemon_status_text(int status);
 
 // Runs bin with args and env in a private directory to its end (killed after
-// timeout_ms), its output streams in *out and *err when not null. The exit
-// status, or -1 when it did not exit normally.
+// timeout_ms), its output in *out and *err when not null: the exit status, or
+// -1 when it did not exit normally.
 int daemon_run(const std::string &bin, const std::vector<std::string> &args, int timeout_ms,
                std::string *out, std::string *err, const std::vector<std::string> &env = {});
 

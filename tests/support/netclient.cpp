@@ -3,7 +3,6 @@
 #include "netclient.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -23,9 +22,10 @@ int left_ms(clk::time_point deadline) {
     return int(std::max<long>(0, left.count()));
 }
 
-timeval as_timeval(int ms) {
-    ms = std::max(1, ms);  // 0 would mean no time-out at all
-    return timeval{.tv_sec = ms / 1000, .tv_usec = (ms % 1000) * 1000};
+// A blocking connect and send stop at the send time-out; 0 would mean none.
+bool set_send_timeout(int fd, int ms) {
+    timeval tv{.tv_sec = std::max(1, ms) / 1000, .tv_usec = std::max(1, ms) % 1000 * 1000};
+    return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0;
 }
 
 sockaddr_in loopback(int port) {
@@ -54,36 +54,32 @@ int send_datagram(const sockaddr_in &to, const void *buf, size_t len, bool mcast
 }  // namespace
 
 bool wait_until(int timeout_ms, const std::function<bool()> &done) {
-    constexpr int k_step_ms = 10;
     auto deadline = clk::now() + std::chrono::milliseconds(timeout_ms);
-    for (int i = 0; i <= timeout_ms / k_step_ms + 1; ++i) {
+    for (int i = 0; i <= timeout_ms / 10 + 1; ++i) {
         if (done()) return true;
         if (clk::now() >= deadline) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(k_step_ms));
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
 }
 
 int pick_free_port(int socktype) {
     int fd = socket(AF_INET, socktype | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
     sockaddr_in sa = loopback(0);
     socklen_t len = sizeof sa;
-    int port = -1;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len) == 0)
-        port = ntohs(sa.sin_port);
-    close(fd);
+    int port = fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&sa), len) == 0 &&
+                       getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len) == 0
+                   ? ntohs(sa.sin_port)
+                   : -1;
+    if (fd >= 0) close(fd);
     return port;
 }
 
 int net_connect(int port, int timeout_ms) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -errno;
-    // The kernel bounds a blocking connect by the send time-out.
-    timeval tv = as_timeval(timeout_ms);
     sockaddr_in sa = loopback(port);
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0 &&
+    if (set_send_timeout(fd, timeout_ms) &&
         connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0)
         return fd;
     int rc = errno == EINPROGRESS ? -ETIMEDOUT : -errno;
@@ -92,10 +88,7 @@ int net_connect(int port, int timeout_ms) {
 }
 
 int net_send_all(int fd, const std::string &data, int timeout_ms) {
-    // A blocking send under a send time-out stops short only at the time-out,
-    // an error or a signal.
-    timeval tv = as_timeval(timeout_ms);
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) != 0) return -errno;
+    if (!set_send_timeout(fd, timeout_ms)) return -errno;
     ssize_t n = send(fd, data.data(), data.size(), MSG_NOSIGNAL);
     if (n == ssize_t(data.size())) return 0;
     return n >= 0 || errno == EAGAIN || errno == EINTR ? -ETIMEDOUT : -errno;
@@ -107,18 +100,14 @@ net_reply net_read_reply(int fd, int timeout_ms) {
     char buf[65536];
     for (long i = 0; i < (1L << 24); ++i) {  // each pass reads, or waits on the deadline
         ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
-        if (n > 0) {
-            r.data.append(buf, size_t(n));
-        } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+        if (n > 0) r.data.append(buf, size_t(n));
+        if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) {
             r.peer_closed = n == 0;
             r.err = n == 0 ? 0 : errno;
             r.reset = r.err == ECONNRESET;
             break;
         }
-        if (left_ms(deadline) == 0) {
-            r.timed_out = true;
-            break;
-        }
+        if ((r.timed_out = left_ms(deadline) == 0)) break;
         pollfd p{.fd = fd, .events = POLLIN, .revents = 0};
         if (n < 0) (void)poll(&p, 1, left_ms(deadline));
     }
@@ -132,8 +121,7 @@ net_reply net_exchange(int port, const std::string &bytes, int timeout_ms) {
     int fd = net_connect(port, timeout_ms);
     if (fd < 0) return net_reply{{}, -1, false, false, false, -fd};
     int rc = net_send_all(fd, bytes, left_ms(deadline));
-    // Even after a failed send the peer may have answered (a server that
-    // refuses a request early); what it said is still worth returning.
+    // A peer that refuses a request early may have answered a failed send.
     net_reply r = net_read_reply(fd, left_ms(deadline));
     if (rc != 0 && r.err == 0) r.err = -rc;
     close(fd);

@@ -19,29 +19,25 @@ struct net_reply {
 // (then true) or timeout_ms has passed (then false).
 bool wait_until(int timeout_ms, const std::function<bool()> &done);
 
-// A port of 127.0.0.1 that was free a moment ago, for SOCK_STREAM or
-// SOCK_DGRAM; -1 on failure. Another process may take it before the caller
-// binds; the kernel hands out ports round-robin, so that is rare.
+// A port of 127.0.0.1 free a moment ago for SOCK_STREAM or SOCK_DGRAM; -1 on
+// failure. The kernel hands ports out round-robin, so a race is rare.
 int pick_free_port(int socktype);
 
-// A blocking TCP connection to 127.0.0.1:port, made within timeout_ms. The
+// A blocking TCP connection to 127.0.0.1:port made within timeout_ms: the
 // descriptor (close-on-exec; the caller closes it), or -errno.
 int net_connect(int port, int timeout_ms);
 
 // Writes all of data within timeout_ms. 0, or -errno (-ETIMEDOUT at the deadline).
 int net_send_all(int fd, const std::string &data, int timeout_ms);
 
-// Reads until the peer closes or resets, or timeout_ms has passed. The
-// descriptor stays open.
+// Reads until the peer closes or resets, or timeout_ms has passed; fd stays open.
 net_reply net_read_reply(int fd, int timeout_ms);
 
-// Connects to 127.0.0.1:port, sends bytes and reads the answer as
-// net_read_reply does, all within timeout_ms. A failed connect or send is in err.
+// Connects to 127.0.0.1:port, sends bytes and reads the answer, all within
+// timeout_ms. A failed connect or send is in err.
 net_reply net_exchange(int port, const std::string &bytes, int timeout_ms);
 
-// One datagram to 127.0.0.1:port. 0, or -errno.
+// One datagram to 127.0.0.1:port, or to group:port out through lo with
+// loop-back on (members joined on 127.0.0.1 receive it). 0, or -errno.
 int udp_send(int port, const void *buf, size_t len);
-
-// One datagram to group:port, sent out through lo with loop-back on, so
-// members joined on 127.0.0.1 receive it. 0, or -errno.
 int udp_send_mcast(const std::string &group, int port, const void *buf, size_t len);

@@ -14,21 +14,17 @@
 #include <cerrno>
 #include <charconv>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <list>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string_view>
 #include <thread>
 
-#include "netclient.h"
+#include "daemon.h"
 
 namespace {
 
-// The pauses and sizes of the answers are the ones origin.h documents.
 constexpr long k_max_rounds = 1 << 20;  // bounds every loop that waits on a peer
 constexpr size_t k_head_max = 16384;    // a longer request head ends the connection
 constexpr size_t k_chunk = 64 * 1024;   // body bytes made per write
@@ -42,19 +38,15 @@ uint64_t name_seed(std::string_view name) {
 // One splitmix64 word per 8 body bytes: every input bit reaches every output
 // bit, so neighbouring blocks and names look unrelated, and hundreds of MiB
 // cost little next to the socket writes.
-uint64_t block_word(uint64_t seed, uint64_t block) {
-    uint64_t z = seed + block * 0x9e3779b97f4a7c15ull;
+unsigned char body_byte(uint64_t seed, uint64_t pos) {
+    uint64_t z = seed + (pos >> 3) * 0x9e3779b97f4a7c15ull;
     z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
     z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-    return z ^ (z >> 31);
+    return static_cast<unsigned char>((z ^ (z >> 31)) >> (8 * (pos & 7)));
 }
 
-void fill(uint64_t seed, uint64_t off, unsigned char *out, size_t len) {
-    for (size_t i = 0; i < len;) {
-        uint64_t pos = off + i, w = block_word(seed, pos >> 3);
-        for (unsigned k = unsigned(pos & 7); k < 8 && i < len; ++k, ++i)
-            out[i] = static_cast<unsigned char>(w >> (8 * k));
-    }
+void fill(uint64_t seed, uint64_t off, char *out, size_t len) {
+    for (size_t i = 0; i < len; ++i) out[i] = static_cast<char>(body_byte(seed, off + i));
 }
 
 struct conn {
@@ -70,7 +62,7 @@ struct origin {
     int lfd = -1;
     bool stopping = false;  // guarded by mu
     std::thread acceptor;
-    mutable std::mutex mu;          // guards conns' descriptors and flags, and reqs
+    mutable std::mutex mu;          // guards conns' descriptors and flags, reqs and last_head
     std::condition_variable wake;   // ends every pause at a stop
     std::list<conn> conns;          // a list: each thread keeps a pointer to its entry
     std::vector<std::string> reqs;  // request targets
@@ -103,11 +95,11 @@ bool read_some(int fd, std::string *buf) {
 }
 
 bool send_body(origin *o, int fd, uint64_t seed, uint64_t to, bool slow) {
-    auto buf = std::make_unique<unsigned char[]>(k_chunk);
+    auto buf = std::make_unique<char[]>(k_chunk);
     for (uint64_t pos = 0; pos < to;) {
         size_t n = size_t(std::min<uint64_t>(slow ? 1024 : k_chunk, to - pos));
         fill(seed, pos, buf.get(), n);
-        if (!send_all(fd, {reinterpret_cast<char *>(buf.get()), n})) return false;
+        if (!send_all(fd, {buf.get(), n})) return false;
         pos += n;
         if (slow && pos < to && !nap(o, 10)) return false;
     }
@@ -122,65 +114,53 @@ std::string mk_head(int code, uint64_t size, bool has_len) {
            "Connection: close\r\n\r\n";
 }
 
-bool parse_num(std::string_view s, uint64_t *out) {
-    auto [p, ec] = std::from_chars(s.data(), s.data() + s.size(), *out);
-    return !s.empty() && ec == std::errc() && p == s.data() + s.size();
-}
-
-// Cuts the next "/"-ended segment off the front of s.
-std::string_view next_seg(std::string_view *s) {
-    size_t slash = s->find('/');
-    std::string_view seg = s->substr(0, slash);
-    *s = slash == std::string_view::npos ? std::string_view{} : s->substr(slash + 1);
-    return seg;
+// Cuts the next "/"-ended segment off the front of s as a number; false when it is none.
+bool next_num(std::string_view *s, uint64_t *out) {
+    std::string_view seg = s->substr(0, s->find('/'));
+    s->remove_prefix(std::min(s->size(), seg.size() + 1));
+    auto [p, ec] = std::from_chars(seg.data(), seg.data() + seg.size(), *out);
+    return !seg.empty() && ec == std::errc() && p == seg.data() + seg.size();
 }
 
 enum class ending { fin, hold, reset, gone };
 
-// An answer whose body is text rather than a stream.
+// An answer whose body is text rather than a stream; a 204 has none.
 ending plain(int fd, int code, const std::string &text) {
-    return send_all(fd, mk_head(code, text.size(), true) + text) ? ending::fin : ending::gone;
-}
-
-// A head without a body.
-ending plain_head(int fd, int code) {
-    return send_all(fd, "HTTP/1.1 " + std::to_string(code) + " No Content\r\nConnection: close\r\n\r\n")
-               ? ending::fin
-               : ending::gone;
+    return send_all(fd, mk_head(code, text.size(), code != 204) + text) ? ending::fin
+                                                                        : ending::gone;
 }
 
 // Sends the answer the path asks for; how the connection is to end.
 ending answer(origin *o, int fd, std::string_view path) {
-    if (path.starts_with('/')) path.remove_prefix(1);
-    std::string_view kind = next_seg(&path);
     uint64_t n[2] = {0, 0};
-    if (kind == "delay") {
-        if (!parse_num(next_seg(&path), &n[0]) || n[0] > 600000)
-            return plain(fd, 400, "bad delay\n");
+    if (path.starts_with("/delay/")) {
+        path.remove_prefix(7);
+        if (!next_num(&path, &n[0]) || n[0] > 600000) return plain(fd, 400, "bad delay\n");
         if (!nap(o, int(n[0]))) return ending::gone;
-        kind = next_seg(&path);
     }
-    static constexpr std::string_view k_kinds[] = {"f",     "nolen", "zero", "status", "split",
-                                                   "short", "reset", "slow", "stall",  "once"};
-    if (std::find(std::begin(k_kinds), std::end(k_kinds), kind) == std::end(k_kinds))
-        return plain(fd, 404, "no such behaviour\n");
-    int nums = kind == "short" || kind == "stall" ? 2 : kind == "zero" ? 0 : 1;
-    for (int i = 0; i < nums; ++i)
-        if (!parse_num(next_seg(&path), &n[i])) return plain(fd, 400, "bad number in path\n");
+    path.remove_prefix(path.starts_with('/') ? 1 : 0);
+    std::string_view kind = path.substr(0, path.find('/'));
+    path.remove_prefix(std::min(path.size(), kind.size() + 1));
+    static constexpr std::pair<std::string_view, int> k_kinds[] = {
+        {"f", 1},     {"nolen", 1}, {"zero", 0}, {"status", 1}, {"split", 1},
+        {"short", 2}, {"reset", 1}, {"slow", 1}, {"stall", 2},  {"once", 1}};
+    auto k = std::find_if(std::begin(k_kinds), std::end(k_kinds),
+                          [&](const auto &e) { return e.first == kind; });
+    if (k == std::end(k_kinds)) return plain(fd, 404, "no such behaviour\n");
+    for (int i = 0; i < k->second; ++i)
+        if (!next_num(&path, &n[i])) return plain(fd, 400, "bad number in path\n");
     if (path.empty()) return plain(fd, 400, "missing name\n");
-    if (kind == "status") {
-        if (n[0] < 200 || n[0] > 599) return plain(fd, 400, "bad status code\n");
-        // A 204 has no body by definition; the rest carry a short text.
-        if (n[0] == 204) return plain_head(fd, 204);
-        return plain(fd, int(n[0]), "status " + std::to_string(n[0]) + "\n");
-    }
+    if (kind == "status")
+        return n[0] < 200 || n[0] > 599 ? plain(fd, 400, "bad status code\n")
+               : n[0] == 204            ? plain(fd, 204, "")
+                             : plain(fd, int(n[0]), "status " + std::to_string(n[0]) + "\n");
     uint64_t seed = name_seed(path), size = n[0];
     std::string head = mk_head(200, size, kind != "nolen");
     if (kind == "once") {
         if (size > 16u << 20) return plain(fd, 400, "too big for one write\n");
         size_t hl = head.size();
         head.resize(hl + size);
-        fill(seed, 0, reinterpret_cast<unsigned char *>(head.data() + hl), size);
+        fill(seed, 0, head.data() + hl, size);
         return send_all(fd, head) ? ending::fin : ending::gone;
     }
     if (kind == "split") {
@@ -205,8 +185,7 @@ void serve_conn(origin *o, conn *c) {
     if (end != std::string::npos) {
         std::string_view line(in.data(), in.find("\r\n"));
         size_t sp1 = line.find(' '), sp2 = line.find(' ', sp1 + 1);
-        std::string target(sp2 == std::string_view::npos ? ""
-                                                         : line.substr(sp1 + 1, sp2 - sp1 - 1));
+        std::string target(sp2 == line.npos ? "" : line.substr(sp1 + 1, sp2 - sp1 - 1));
         {
             std::lock_guard lk(o->mu);
             o->reqs.push_back(target);
@@ -332,15 +311,11 @@ bool origin_wait_idle(const origin *o, int timeout_ms) {
 std::string origin_check_bytes(const void *data, size_t len, const std::string &name) {
     const auto *p = static_cast<const unsigned char *>(data);
     uint64_t seed = name_seed(name);
-    unsigned char want[4096];
-    for (size_t done = 0; done < len; done += sizeof want) {
-        size_t n = std::min(sizeof want, len - done);
-        fill(seed, done, want, n);
-        for (size_t k = 0; k < n; ++k) {
-            if (p[done + k] == want[k]) continue;
+    for (size_t i = 0; i < len; ++i) {
+        if (unsigned char want = body_byte(seed, i); p[i] != want) {
             char msg[160];
-            snprintf(msg, sizeof msg, "byte %llu of [%s]: got 0x%02x, expected 0x%02x",
-                     static_cast<unsigned long long>(done + k), name.c_str(), p[done + k], want[k]);
+            snprintf(msg, sizeof msg, "byte %zu of [%s]: got 0x%02x, expected 0x%02x", i,
+                     name.c_str(), p[i], want);
             return msg;
         }
     }
@@ -348,14 +323,11 @@ std::string origin_check_bytes(const void *data, size_t len, const std::string &
 }
 
 std::string origin_expect_file(const std::string &path, const std::string &name, uint64_t size) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return "cannot open [" + path + "]";
-    std::stringstream ss;
-    ss << in.rdbuf();
-    std::string data = ss.str();
+    if (access(path.c_str(), R_OK) != 0) return "cannot open [" + path + "]";
+    std::string data = daemon_read_file(path), bad;
     if (data.size() != size)
         return "[" + path + "] has " + std::to_string(data.size()) + " bytes, expected " +
                std::to_string(size);
-    std::string bad = origin_check_bytes(data.data(), data.size(), name);
+    bad = origin_check_bytes(data.data(), data.size(), name);
     return bad.empty() ? bad : "[" + path + "]: " + bad;
 }

@@ -28,27 +28,24 @@
 //   "Content-Length: <size>\r\nConnection: close\r\n\r\n"
 // (without Content-Length for /nolen). One request per connection: after the
 // answer the server half-closes and reads until the client closes.
+struct origin;
 
-struct origin;  // opaque: a running (or stopped) server
-
-// Starts a server on a free port of 127.0.0.1. The server, or null with the
+// Starts a server on a free port of 127.0.0.1: the server, or null with the
 // reason on stderr.
 [[nodiscard]] origin *origin_start();
-
 // Stops accepting, closes every connection, joins every thread. Idempotent;
 // the request log stays readable. destroy also frees it (null is fine).
 void origin_stop(origin *o);
 void origin_destroy(origin *o);
 
+// The port, and "http://127.0.0.1:<port>" followed by path (which should
+// begin with "/").
 int origin_port(const origin *o);
-
-// "http://127.0.0.1:<port>" followed by path (which should begin with "/").
 std::string origin_url(const origin *o, const std::string &path);
 
-// The number of requests so far whose target (query included) contains part.
+// The number of requests so far whose target (query included) contains
+// part, and the head of the last request, up to its blank line.
 size_t origin_request_count(const origin *o, const std::string &part = "");
-
-// The head of the last request received, up to its blank line.
 std::string origin_last_head(const origin *o);
 
 // Connections accepted and not yet closed; a bounded wait until there are
@@ -60,7 +57,6 @@ bool origin_wait_idle(const origin *o, int timeout_ms);
 // [<name>]: got 0x.., expected 0x..". Every name gives a different stream and
 // every position matters, so shifted, swapped or mixed-up content is caught.
 std::string origin_check_bytes(const void *data, size_t len, const std::string &name);
-
-// Checks the file at path byte for byte against name's body of size bytes.
-// Empty when it matches, else what is wrong (missing, length, first bad byte).
+// The file at path against name's body of size bytes: empty when it
+// matches, else what is wrong (missing, length, first bad byte).
 std::string origin_expect_file(const std::string &path, const std::string &name, uint64_t size);

@@ -9,19 +9,19 @@
 
 namespace {
 
-constexpr int k_ready_ms = 10000;
-constexpr int k_loader_ms = 30000;
-constexpr int k_start_attempts = 3;
+redisContext *connect_to(int port, int ms) {
+    timeval tv{.tv_sec = ms / 1000, .tv_usec = ms % 1000 * 1000};
+    redisContext *c = redisConnectWithTimeout("127.0.0.1", port, tv);
+    if (c != nullptr && c->err == 0 && redisSetTimeout(c, tv) == REDIS_OK) return c;
+    if (c != nullptr) redisFree(c);
+    return nullptr;
+}
 
 bool answers_ping(int port) {
-    timeval tv{.tv_sec = 0, .tv_usec = 200000};
-    redisContext *c = redisConnectWithTimeout("127.0.0.1", port, tv);
-    bool ok = false;
-    if (c != nullptr && c->err == 0) {
-        auto *r = static_cast<redisReply *>(redisCommand(c, "PING"));
-        ok = r != nullptr && r->type == REDIS_REPLY_STATUS && strcmp(r->str, "PONG") == 0;
-        if (r != nullptr) freeReplyObject(r);
-    }
+    redisContext *c = connect_to(port, 200);
+    auto *r = c != nullptr ? static_cast<redisReply *>(redisCommand(c, "PING")) : nullptr;
+    bool ok = r != nullptr && r->type == REDIS_REPLY_STATUS && strcmp(r->str, "PONG") == 0;
+    if (r != nullptr) freeReplyObject(r);
     if (c != nullptr) redisFree(c);
     return ok;
 }
@@ -32,15 +32,15 @@ int redis_server_start(redis_server *srv) {
     daemon_proc *p = &srv->proc;
     if (p->dir.empty() && daemon_init(p, daemon_find_program("redis-server")) != 0) return -1;
     // A free port may be taken before the server binds it; then another try.
-    for (int attempt = 0; attempt < k_start_attempts; ++attempt) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
         srv->port = pick_free_port(SOCK_STREAM);
         if (daemon_start(p, {"--port", std::to_string(srv->port), "--bind", "127.0.0.1", "--save",
                              "", "--appendonly", "no", "--dir", p->dir, "--daemonize", "no",
                              "--logfile", p->err_path}) != 0)
             return -1;
-        bool up =
-            wait_until(k_ready_ms, [&] { return !daemon_running(p) || answers_ping(srv->port); });
-        if (up && daemon_running(p)) return 0;
+        if (wait_until(10000, [&] { return !daemon_running(p) || answers_ping(srv->port); }) &&
+            daemon_running(p))
+            return 0;
         (void)daemon_stop(p);
         fprintf(stderr, "redis_server: no answer on port %d:\n%s", srv->port,
                 daemon_read_file(p->err_path).c_str());
@@ -56,13 +56,9 @@ void redis_server_destroy(redis_server *srv) {
 }
 
 redisContext *redis_server_client(const redis_server *srv) {
-    timeval tv{.tv_sec = 2, .tv_usec = 0};
-    redisContext *c = redisConnectWithTimeout("127.0.0.1", srv->port, tv);
-    if (c != nullptr && c->err == 0 && redisSetTimeout(c, tv) == REDIS_OK) return c;
-    fprintf(stderr, "redis_server: connect to %d: %s\n", srv->port,
-            c != nullptr ? c->errstr : "out of memory");
-    if (c != nullptr) redisFree(c);
-    return nullptr;
+    redisContext *c = connect_to(srv->port, 2000);
+    if (c == nullptr) fprintf(stderr, "redis_server: cannot connect to port %d\n", srv->port);
+    return c;
 }
 
 int redis_server_load_lbdb(const redis_server *srv, const char *src_dir, const char *sha_dir) {
@@ -70,7 +66,7 @@ int redis_server_load_lbdb(const redis_server *srv, const char *src_dir, const c
     int rc = daemon_run(daemon_find_program("bash"),
                         {std::string(src_dir) + "/scripts/lbdb-load", "127.0.0.1",
                          std::to_string(srv->port), sha_dir},
-                        k_loader_ms, &out, &err);
+                        30000, &out, &err);
     if (rc == 0) return 0;
     fprintf(stderr, "redis_server: lbdb-load failed (%d):\n%s%s", rc, out.c_str(), err.c_str());
     return -1;
