@@ -51,7 +51,8 @@ TEST_F(Orders, DatagramSplitBounds) {
     const std::string url16 = "http://0/src/x/d";  // 16 characters
     struct Case {
         std::string text;
-        const char *line;  // null: accepted, with the expiry 42
+        const char *line;  // null: accepted, with the expiry exp
+        time_t exp = 42;
     } cases[] = {
         {"abc " + url16 + " 42", "parse_msg: id length (3) out of bounds: 4/31\n"},
         {"abcd " + url16 + " 42", nullptr},
@@ -61,6 +62,7 @@ TEST_F(Orders, DatagramSplitBounds) {
         {"abcd " + url16.substr(0, 15) + " 42", "URL length is too small: 15/16 bytes\n"},
         {"abcd", "parse_msg: missing URL part\n"},
         {"abcd\t" + url16 + "\t\t42 trailing words", nullptr},
+        {"abcd " + url16 + " soon", nullptr, 0},  // goes on, unexpiring, with a line
     };
     for (auto &c : cases) {
         SCOPED_TRACE(c.text);
@@ -73,9 +75,10 @@ TEST_F(Orders, DatagramSplitBounds) {
         } else {
             EXPECT_EQ(std::string(url), url16);
             EXPECT_EQ(std::string(lid), c.text.substr(0, strcspn(c.text.c_str(), " \t")));
-            EXPECT_EQ(exp, 42);
+            EXPECT_EQ(exp, c.exp);
         }
     }
+    EXPECT_TRUE(logged("parse_msg: NO EXPIRY: sscanf('soon',..) expected 1, got 0\n"));
 }
 
 TEST(OrdersDeathTest, DatagramWithoutExpiryStopsTheProcess) {

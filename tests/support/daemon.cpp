@@ -67,7 +67,7 @@ std::string tail(const std::string &path) {  // what a failed test shows of a fi
     return text.substr(text.size() > 4096 ? text.size() - 4096 : 0);
 }
 
-std::string quoted(const std::string &s) { return "\"" + s + "\""; }  // paths need no escapes
+std::string qstr(const std::string &s) { return "\"" + s + "\""; }  // paths need no escapes
 
 }  // namespace
 
@@ -97,27 +97,27 @@ int daemon_init(daemon_proc *d, const std::string &bin) {
 }
 
 std::string daemon_render_config(daemon_proc *d, const daemon_conf &c) {
-    std::string t = "trov: {\n  log: { file = " + quoted(d->log_path) +
-                    "; level = " + quoted(c.level) +
+    std::string t = "trov: {\n  log: { file = " + qstr(d->log_path) +
+                    "; level = " + qstr(c.level) +
                     "; time_format = \"local\"; enable_syslog = false; };\n"
                     "  runtime: { non_daemon = true; enforce_core_dumps = false;" +
-                    (c.pidfile ? " pidfile = " + quoted(d->pid_path) + ";" : "") + " };\n";
+                    (c.pidfile ? " pidfile = " + qstr(d->pid_path) + ";" : "") + " };\n";
     d->port = c.web ? pick_free_port(SOCK_STREAM) : 0;
     if (c.web)
         t += "  web_input: { alias = \"web\"; ifc = \"127.0.0.1\"; port = " +
              std::to_string(d->port) + "; };\n";
     if (!c.udp_url.empty())
-        t += "  udp_input: { url = " + quoted(c.udp_url) +
+        t += "  udp_input: { url = " + qstr(c.udp_url) +
              "; is_gzipped = false; must_lock = " + (c.udp_must_lock ? "true" : "false") +
-             "; lock_dir = " + quoted(c.udp_lock_dir.empty() ? d->lock_dir : c.udp_lock_dir) + ";" +
-             (c.udp_mcast_ifc.empty() ? "" : " mcast_ifc = " + quoted(c.udp_mcast_ifc) + ";") +
+             "; lock_dir = " + qstr(c.udp_lock_dir.empty() ? d->lock_dir : c.udp_lock_dir) + ";" +
+             (c.udp_mcast_ifc.empty() ? "" : " mcast_ifc = " + qstr(c.udp_mcast_ifc) + ";") +
              " };\n";
     if (c.lbdb_port != 0)
         t += "  lbdb: { host = \"127.0.0.1\"; port = " + std::to_string(c.lbdb_port) +
-             "; connect_tmout_ms = 500; sha1_dir = " + quoted(c.lbdb_sha1_dir) + "; };\n";
-    t += "  data_dir = " + quoted(c.data_dir.empty() ? d->data_dir : c.data_dir) + ";\n";
+             "; connect_tmout_ms = 500; sha1_dir = " + qstr(c.lbdb_sha1_dir) + "; };\n";
+    t += "  data_dir = " + qstr(c.data_dir.empty() ? d->data_dir : c.data_dir) + ";\n";
     if (!c.local_url_prefix.empty())
-        t += "  local_url_prefix = " + quoted(c.local_url_prefix) + ";\n";
+        t += "  local_url_prefix = " + qstr(c.local_url_prefix) + ";\n";
     return t + "  max_tasks = " + std::to_string(c.max_tasks) +
            "; max_mmap_mb = " + std::to_string(c.max_mmap_mb) +
            "; urq_tmout_sec = " + std::to_string(c.urq_tmout_sec) +
