@@ -734,7 +734,7 @@ int open_socket(const char *addr, const char *port, const char *ssm_source, sock
         local.ai_addr = reinterpret_cast<sockaddr *>(&local_addr);
         if (spec->multicast) {
             if (use_ifc && (found = get_ifc_info(ai->ai_family, ifc)) == nullptr) continue;
-            // The group kept in the spec carries the interface in its scope
+            // The group kept in the socket_spec carries the interface in its scope
             // id, so the caller's sendto and leave reach the same interface.
             if (local_addr.ss_family == AF_INET6 &&
                 sync_ipv6addr_scope_id(reinterpret_cast<sockaddr_in6 *>(&local_addr), found) != 0)
