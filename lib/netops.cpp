@@ -258,35 +258,33 @@ bool ifc_ipv4(const char *who, const ifc_info *ifc, in_addr *out) {
     return true;
 }
 
-// Copies the group and brings its scope id in line with the interface.
-int prepare_group(const char *who, const sockaddr *group, const ifc_info *ifc,
+// Copies the group, brings its scope id in line with the interface and says
+// which API is about to join or leave it.
+int prepare_group(const char *who, const sockaddr *group, const ifc_info *ifc, bool join,
                   sockaddr_storage *grp) {
+    LOG_DBG("%s: ifc-name=%s, idx=%u ifc=%p\n", who, ifc != nullptr ? ifc->name : "<none>",
+            ifc != nullptr ? ifc->idx : 0U, static_cast<const void *>(ifc));
     if (group->sa_family != AF_INET && group->sa_family != AF_INET6) {
         LOG_ERR("%s: unsupported family %d\n", who, group->sa_family);
         return EAFNOSUPPORT;
     }
     (void)copy_addr(group, family_len(group->sa_family), grp);
     if (grp->ss_family == AF_INET6)
-        return sync_ipv6addr_scope_id(reinterpret_cast<sockaddr_in6 *>(grp), ifc);
-    return 0;
-}
-
-void log_api(const char *who, const sockaddr_storage *grp, bool join) {
+        if (int rc = sync_ipv6addr_scope_id(reinterpret_cast<sockaddr_in6 *>(grp), ifc); rc != 0)
+            return rc;
     char text[SADDR_STR_SIZE];
     LOG_INF("%s: using %s mulitcast API to %s group %s\n", who,
             g_netopts.use_legacy_mcast_api ? "protocol-specific" : "GENERIC",
             join ? "join" : "leave",
             saddr_str(reinterpret_cast<const sockaddr *>(grp), sizeof *grp, text, sizeof text));
+    return 0;
 }
 
 // Any-source join or leave through the API selected in g_netopts.
 int group_op(const char *who, int fd, const sockaddr *group, const ifc_info *ifc, bool join) {
     XASSERT(group != nullptr);
-    LOG_DBG("%s: ifc-name=%s, idx=%u ifc=%p\n", who, ifc != nullptr ? ifc->name : "<none>",
-            ifc != nullptr ? ifc->idx : 0U, static_cast<const void *>(ifc));
     sockaddr_storage grp;
-    if (int rc = prepare_group(who, group, ifc, &grp); rc != 0) return rc;
-    log_api(who, &grp, join);
+    if (int rc = prepare_group(who, group, ifc, join, &grp); rc != 0) return rc;
 
     int family = grp.ss_family;
     int level = family == AF_INET ? IPPROTO_IP : IPPROTO_IPV6;
@@ -330,16 +328,13 @@ int source_op(const char *who, int fd, const sockaddr *group, const ifc_info *if
               const sockaddr *src, bool join) {
     XASSERT(group != nullptr && src != nullptr);
     const char *op = join ? "join" : "leave";
-    LOG_DBG("%s: ifc-name=%s, idx=%u ifc=%p\n", who, ifc != nullptr ? ifc->name : "<none>",
-            ifc != nullptr ? ifc->idx : 0U, static_cast<const void *>(ifc));
     if (src->sa_family != group->sa_family) {
         LOG_ERR("%s: SMM src/addr family mismatch: %u/%u\n", who, unsigned{src->sa_family},
                 unsigned{group->sa_family});
         return EINVAL;
     }
     sockaddr_storage grp;
-    if (int rc = prepare_group(who, group, ifc, &grp); rc != 0) return rc;
-    log_api(who, &grp, join);
+    if (int rc = prepare_group(who, group, ifc, join, &grp); rc != 0) return rc;
 
     int family = grp.ss_family;
     int level = family == AF_INET ? IPPROTO_IP : IPPROTO_IPV6;
