@@ -140,19 +140,26 @@ int wait_fd(int fd, short events, const timespec &t0, long timeout_ms) {
     }
 }
 
-// A connected TCP socket to one of host:port's addresses, or -1 (said why;
-// *timed_out tells a time-out from a refusal).
-int tcp_connect(const char *host, const char *port, const timespec &t0, long timeout_ms,
-                bool *timed_out) {
+// host:port's addresses for socktype (numeric port), or null (said why).
+addrinfo *resolve(const char *host, const char *port, int socktype) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_socktype = socktype;
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo *ai = nullptr;
     if (int rc = getaddrinfo(host, port, &hints, &ai); rc != 0) {
         say("cannot resolve [%s]: %s", host, gai_strerror(rc));
-        return -1;
+        return nullptr;
     }
+    return ai;
+}
+
+// A connected TCP socket to one of host:port's addresses, or -1 (said why;
+// *timed_out tells a time-out from a refusal).
+int tcp_connect(const char *host, const char *port, const timespec &t0, long timeout_ms,
+                bool *timed_out) {
+    addrinfo *ai = resolve(host, port, SOCK_STREAM);
+    if (ai == nullptr) return -1;
     scope_exit free_ai{[ai] { freeaddrinfo(ai); }};
     int last_err = 0;
     for (addrinfo *a = ai; a != nullptr; a = a->ai_next) {
@@ -260,15 +267,8 @@ int send_http(const char *host, const char *port, const char *req, size_t len, c
 }
 
 int send_udp(const char *host, const char *port, const char *msg, size_t len) {
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_DGRAM;
-    hints.ai_flags = AI_NUMERICSERV;
-    addrinfo *ai = nullptr;
-    if (int rc = getaddrinfo(host, port, &hints, &ai); rc != 0) {
-        say("cannot resolve [%s]: %s", host, gai_strerror(rc));
-        return ORDCLI_FAILED;
-    }
+    addrinfo *ai = resolve(host, port, SOCK_DGRAM);
+    if (ai == nullptr) return ORDCLI_FAILED;
     scope_exit free_ai{[ai] { freeaddrinfo(ai); }};
     int last_err = 0;
     for (addrinfo *a = ai; a != nullptr; a = a->ai_next) {
