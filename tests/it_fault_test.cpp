@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,18 +25,6 @@
 namespace {
 
 constexpr int WAIT_MS = 10000;
-
-bool exists(const std::string &p) { return access(p.c_str(), F_OK) == 0; }
-
-// Every "-Trov" file under dir, one a line; empty when there is none.
-std::string temp_files(const std::string &dir) {
-    namespace fs = std::filesystem;
-    std::string found;
-    std::error_code ec;
-    for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
-        if (it->path().string().ends_with("-Trov")) found += it->path().string() + "\n";
-    return found;
-}
 
 class ItFault : public ::testing::Test {
    protected:
@@ -97,8 +84,8 @@ TEST_F(ItFault, FullFileSystemFailsOneTaskAndTheDaemonGoesOn) {
     EXPECT_EQ(fetch("/f/4194304/relay", "relay.ts"), 500);
     ASSERT_TRUE(logged("removing unfinished", 2));
     EXPECT_EQ(daemon_count_log(&d_, "mk_dest_file: fallocate(fd"), 2);
-    EXPECT_EQ(temp_files(small), "");
-    EXPECT_FALSE(exists(small + "/mapped.ts") || exists(small + "/relay.ts"));
+    EXPECT_EQ(daemon_temp_files(small), "");
+    EXPECT_FALSE(path_exists(small + "/mapped.ts") || path_exists(small + "/relay.ts"));
     EXPECT_EQ(origin_expect_file(small + "/fits.ts", "fits", 1572864), "");
     EXPECT_EQ(fetch("/f/1000/after", "after.ts"), 200);
     ASSERT_TRUE(logged("downloaded: 1000 bytes"));
@@ -110,8 +97,8 @@ TEST_F(ItFault, SilentSourceIsSweptWhenAskedFor) {
     EXPECT_EQ(fetch("/stall/100000/1000/st", "st.ts"), 200);
     ASSERT_TRUE(logged("timed out after"));
     ASSERT_TRUE(logged("removing unfinished"));
-    EXPECT_EQ(temp_files(d_.data_dir), "");
-    EXPECT_FALSE(exists(d_.data_dir + "/st.ts"));
+    EXPECT_EQ(daemon_temp_files(d_.data_dir), "");
+    EXPECT_FALSE(path_exists(d_.data_dir + "/st.ts"));
     // The URL can be ordered again.
     EXPECT_EQ(fetch("/stall/100000/1000/st", "st2.ts"), 200);
     ASSERT_TRUE(logged("removing unfinished", 2));
@@ -182,17 +169,17 @@ TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) {
         uint64_t size = soak_kind(i, &path);
         // A head split by a pause is lost when the daemon reads between its
         // parts, and taken whole when it is busy elsewhere meanwhile.
-        if (size > 0 && (exists(f) || !path.starts_with("/split/")))
+        if (size > 0 && (path_exists(f) || !path.starts_with("/split/")))
             EXPECT_EQ(origin_expect_file(f, "k" + std::to_string(i), size), "") << path;
         else
-            EXPECT_FALSE(exists(f)) << path;
+            EXPECT_FALSE(path_exists(f)) << path;
     }
     EXPECT_EQ(daemon_count_log(&d_, "limit on tasks exceeded"), 0);
     // A task's end line comes before its descriptors and file are released.
     EXPECT_TRUE(wait_until(WAIT_MS, [&] {
-        return daemon_fd_count(&d_) == fds_before && temp_files(d_.data_dir).empty();
+        return daemon_fd_count(&d_) == fds_before && daemon_temp_files(d_.data_dir).empty();
     }));
-    EXPECT_EQ(temp_files(d_.data_dir), "");
+    EXPECT_EQ(daemon_temp_files(d_.data_dir), "");
     const int fds_after = daemon_fd_count(&d_);
     EXPECT_EQ(fds_after, fds_before);
     // The second round runs in the memory the first one left (not measured
@@ -212,9 +199,9 @@ TEST_F(ItFault, QuitWithAHundredDownloadsInFlightLeavesNoPartialFile) {
     ASSERT_TRUE(logged("ready to download 500000 bytes", 100));
     EXPECT_EQ(daemon_status_text(daemon_stop(&d_, WAIT_MS)), "exited 0");
     EXPECT_EQ(daemon_count_log(&d_, "removing unfinished"), 100);
-    EXPECT_EQ(temp_files(d_.data_dir), "");
+    EXPECT_EQ(daemon_temp_files(d_.data_dir), "");
     for (int i = 0; i < 100; ++i)
-        EXPECT_FALSE(exists(d_.data_dir + "/fly/" + std::to_string(i) + ".ts"));
+        EXPECT_FALSE(path_exists(d_.data_dir + "/fly/" + std::to_string(i) + ".ts"));
 }
 
 }  // namespace

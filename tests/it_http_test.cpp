@@ -6,7 +6,6 @@
 #include <utime.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -21,18 +20,6 @@ namespace {
 
 constexpr int WAIT_MS = 10000;
 constexpr size_t NPOS = std::string::npos;
-
-bool exists(const std::string &p) { return access(p.c_str(), F_OK) == 0; }
-
-// Every "-Trov" file under dir, one a line; empty when there is none.
-std::string temp_files(const std::string &dir) {
-    namespace fs = std::filesystem;
-    std::string found;
-    std::error_code ec;
-    for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
-        if (it->path().string().ends_with("-Trov")) found += it->path().string() + "\n";
-    return found;
-}
 
 // A GET whose head passes the listener's 32-byte low-water mark.
 std::string order(const std::string &t, std::string method = "GET", const char *v = "HTTP/1.1") {
@@ -149,7 +136,7 @@ TEST_F(ItHttp, DaemonModeDetachesWritesThePidFileAndRemovesItOnExit) {
         std::string st = daemon_read_file("/proc/" + std::to_string(pid) + "/stat");
         return st.empty() || st.find(") Z ") != NPOS;
     }));
-    EXPECT_FALSE(exists(d_.pid_path));
+    EXPECT_FALSE(path_exists(d_.pid_path));
 }
 
 TEST_F(ItHttp, CommandLineRefusalsExitWithOneAndSayWhy) {
@@ -251,7 +238,7 @@ TEST_F(ItHttp, DownloadsLandByteExactOnBothWritePaths) {
         EXPECT_TRUE(logged("expiry=1700000000 lid=[]", mark, 2));
     }
     EXPECT_EQ(origin_request_count(org_, "?"), 0u);  // the order's query stays here
-    EXPECT_EQ(temp_files(d_.data_dir), "");
+    EXPECT_EQ(daemon_temp_files(d_.data_dir), "");
     ASSERT_TRUE(origin_wait_idle(org_, WAIT_MS));
     EXPECT_TRUE(wait_until(WAIT_MS, [&] { return daemon_fd_count(&d_) == fds_before; }));
 }
@@ -272,7 +259,7 @@ TEST_F(ItHttp, RequesterGetsTheAnswerOfTheSourceOrTheDestination) {
         SCOPED_TRACE(c.path);
         net_reply r = fetch(c.path, "out.ts");
         EXPECT_EQ(r.data.rfind(c.status, 0), 0u) << r.data;
-        EXPECT_FALSE(exists(data("out.ts")));
+        EXPECT_FALSE(path_exists(data("out.ts")));
     }
     EXPECT_TRUE(logged("expected HTTP 2xx, got HTTP 404"));
     EXPECT_TRUE(logged("invalid/missing content length", 0, 2));
@@ -293,7 +280,7 @@ TEST_F(ItHttp, RequesterGetsTheAnswerOfTheSourceOrTheDestination) {
     EXPECT_EQ(fetch("/f/10/b2", "b2.ts").status, 200);
     ASSERT_TRUE(logged("to [" + data("b2.ts") + "]"));
     EXPECT_EQ(origin_expect_file(data("b2.ts"), "b2", 10), "");
-    EXPECT_EQ(temp_files(d_.data_dir), "");
+    EXPECT_EQ(daemon_temp_files(d_.data_dir), "");
 }
 
 TEST_F(ItHttp, TasksEndCutShortWithoutAFileAndAreOnePerUrlAndBoundedInNumber) {
@@ -306,8 +293,8 @@ TEST_F(ItHttp, TasksEndCutShortWithoutAFileAndAreOnePerUrlAndBoundedInNumber) {
         ASSERT_TRUE(logged("removing unfinished", mark));
         EXPECT_EQ(daemon_count_log(&d_, "TASK-END", mark), 1);
         EXPECT_EQ(daemon_count_log(&d_, "downloaded:", mark), 0);
-        EXPECT_EQ(temp_files(d_.data_dir), "");
-        EXPECT_FALSE(exists(data("early.ts")));
+        EXPECT_EQ(daemon_temp_files(d_.data_dir), "");
+        EXPECT_FALSE(path_exists(data("early.ts")));
     }
     // An ended task's URL is free again.
     EXPECT_EQ(fetch("/short/200000/5000/sh", "again.ts").status, 200);
@@ -319,8 +306,8 @@ TEST_F(ItHttp, TasksEndCutShortWithoutAFileAndAreOnePerUrlAndBoundedInNumber) {
     EXPECT_EQ(fetch("/stall/100000/10/s2", "s2.ts").status, 200);
     EXPECT_EQ(fetch("/f/10/third", "third.ts").status, 500);
     EXPECT_TRUE(logged("mk_dw_task: limit on tasks exceeded [2]"));
-    EXPECT_FALSE(exists(data("third.ts")) || exists(data("other.ts-Trov")));
-    EXPECT_TRUE(exists(data("s1.ts-Trov")));
+    EXPECT_FALSE(path_exists(data("third.ts")) || path_exists(data("other.ts-Trov")));
+    EXPECT_TRUE(path_exists(data("s1.ts-Trov")));
 }
 
 }  // namespace

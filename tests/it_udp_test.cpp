@@ -18,8 +18,6 @@ namespace {
 
 constexpr int WAIT_MS = 10000;
 
-bool exists(const std::string &p) { return access(p.c_str(), F_OK) == 0; }
-
 // Multicast on lo needs the interface's MULTICAST flag; root may set it.
 bool lo_multicast_ready() {
     int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -107,9 +105,9 @@ TEST_F(ItUdp, MalformedDatagramsAreDroppedGoodOnesLandAndOneWithoutExpiryAborts)
     }
     EXPECT_TRUE(logged("[ab15] request failed;"));
     EXPECT_EQ(daemon_count_log(&d_, "TASK-START"), 0);
-    EXPECT_FALSE(exists(d_.dir + "/escape.ts") || exists(data("escape.ts")));
+    EXPECT_FALSE(path_exists(d_.dir + "/escape.ts") || path_exists(data("escape.ts")));
     // The failed orders released their locks, and the channel still reads.
-    EXPECT_FALSE(exists(d_.lock_dir + "/ab12.lock") || exists(d_.lock_dir + "/ab15.lock"));
+    EXPECT_FALSE(path_exists(d_.lock_dir + "/ab12.lock") || path_exists(d_.lock_dir + "/ab15.lock"));
     send("#!ab12 " + order_url("/f/70000/u1", "a/u1.ts") + " 1900000001\n");
     ASSERT_TRUE(logged("downloaded: 70000 bytes"));
     EXPECT_EQ(origin_expect_file(data("a/u1.ts"), "u1", 70000), "");
@@ -126,15 +124,15 @@ TEST_F(ItUdp, LockFileHeldWhileTheTaskLivesRepeatsSkippedStaleLocksExpired) {
     const std::string lock = d_.lock_dir + "/ord9.lock", unlock = "lid_unlock: ord9 at [" + lock;
     send(datagram("ord9", "/delay/700/f/1000/held", "held.ts"));
     ASSERT_TRUE(logged("TASK-START"));
-    EXPECT_TRUE(exists(lock));
+    EXPECT_TRUE(path_exists(lock));
     // The same identifier again while the first runs: skipped quietly.
     send(datagram("ord9", "/f/1000/other", "other.ts"));
     EXPECT_TRUE(logged("[ord9] already engaged, will skip"));
     ASSERT_TRUE(logged("downloaded: 1000 bytes"));
     ASSERT_TRUE(logged(unlock));
-    EXPECT_FALSE(exists(lock));
+    EXPECT_FALSE(path_exists(lock));
     EXPECT_EQ(daemon_count_log(&d_, "request failed"), 0);
-    EXPECT_FALSE(exists(data("other.ts")));
+    EXPECT_FALSE(path_exists(data("other.ts")));
 
     // A lock left behind by a dead agent counts for 30 seconds.
     std::ofstream(lock) << "";
@@ -146,7 +144,7 @@ TEST_F(ItUdp, LockFileHeldWhileTheTaskLivesRepeatsSkippedStaleLocksExpired) {
     ASSERT_TRUE(logged("downloaded: 10 bytes"));
     EXPECT_EQ(daemon_count_log(&d_, "expired stale lock [" + lock + "]"), 1);
     ASSERT_TRUE(logged(unlock, 2));
-    EXPECT_FALSE(exists(lock));
+    EXPECT_FALSE(path_exists(lock));
 }
 
 TEST_F(ItUdp, TwoAgentsOnAMulticastGroupOfTheLoopbackFetchEachOrderOnce) {
@@ -173,8 +171,8 @@ TEST_F(ItUdp, TwoAgentsOnAMulticastGroupOfTheLoopbackFetchEachOrderOnce) {
         SCOPED_TRACE(i);
         std::string n = std::to_string(i), mine = data(n), other = d2.data_dir + "/" + n;
         EXPECT_EQ(origin_request_count(org_, "/s" + n), 1u);
-        EXPECT_NE(exists(mine), exists(other));
-        EXPECT_EQ(origin_expect_file(exists(mine) ? mine : other, "s" + n, 2000), "");
+        EXPECT_NE(path_exists(mine), path_exists(other));
+        EXPECT_EQ(origin_expect_file(path_exists(mine) ? mine : other, "s" + n, 2000), "");
     }
 }
 

@@ -14,12 +14,11 @@
 
 #include "app.h"
 #include "cfg.h"
+#include "daemon.h"
 #include "log.h"
 #include "rq.h"
 
 namespace {
-
-bool exists(const std::string &p) { return access(p.c_str(), F_OK) == 0; }
 
 class Orders : public ::testing::Test {
    protected:
@@ -93,7 +92,7 @@ TEST_F(Orders, LockingOffTakesNoFileAndAnUnusableDirectoryFailsTheOrder) {
     snprintf(g_cfg.udp_cha.lkdir, sizeof g_cfg.udp_cha.lkdir, "%s", dir_.c_str());
     g_cfg.udp_cha.must_lock = false;
     EXPECT_EQ(lid_lock("ord2"), 0);
-    EXPECT_FALSE(exists(dir_ + "/ord2.lock"));
+    EXPECT_FALSE(path_exists(dir_ + "/ord2.lock"));
     g_cfg.udp_cha.must_lock = true;
     snprintf(g_cfg.udp_cha.lkdir, sizeof g_cfg.udp_cha.lkdir, "%s/missing", dir_.c_str());
     EXPECT_EQ(lid_lock("ord3"), -1);
@@ -107,7 +106,7 @@ TEST_F(Orders, OrderUrlsAndDestinationsBecomeRecordsWithTemporaryFiles) {
     EXPECT_STREQ(spec.dst_path, "live/a+b.ts");
     EXPECT_EQ(std::string(spec.fpath), dir_ + "/live/a+b.ts-Trov");
     EXPECT_STREQ(spec.lid, "ab12");
-    EXPECT_TRUE(exists(dir_ + "/live"));
+    EXPECT_TRUE(path_exists(dir_ + "/live"));
     EXPECT_EQ(parse_url("http://0/src/http://origin/a.ts", "ab12", &spec), -1);
 
     EXPECT_EQ(setup_dw_spec("http://h", "", 255, &spec), 22);
@@ -126,7 +125,7 @@ TEST_F(Orders, OrderUrlsAndDestinationsBecomeRecordsWithTemporaryFiles) {
         tmp, std::filesystem::file_time_type::clock::now() - std::chrono::seconds(31));
     EXPECT_EQ(setup_dw_spec("http://h/a/b.ts", "x/y.ts", 255, &spec), 0);
     EXPECT_STREQ(spec.dst_path, "x/y.ts");
-    EXPECT_FALSE(exists(tmp));
+    EXPECT_FALSE(path_exists(tmp));
 
     // A data directory ending in "/" adds no second slash; the temporary
     // path must fit in 127 characters.

@@ -212,6 +212,17 @@ std::string daemon_read_file(const std::string &path) {
     return text.str();
 }
 
+bool path_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
+std::string daemon_temp_files(const std::string &dir) {
+    namespace fs = std::filesystem;
+    std::string found;
+    std::error_code ec;
+    for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
+        if (it->path().string().ends_with("-Trov")) found += it->path().string() + "\n";
+    return found;
+}
+
 int daemon_signal(daemon_proc *d, int sig) {
     if (reap_if_done(d)) return -ESRCH;
     return kill(d->pid, sig) == 0 ? 0 : -errno;

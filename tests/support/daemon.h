@@ -72,8 +72,11 @@ std::string daemon_render_config(daemon_proc *d, const daemon_conf &c = daemon_c
 int daemon_count_log(const daemon_proc *d, const std::string &text, size_t from = 0);
 size_t daemon_log_mark(const daemon_proc *d);
 
-// A whole file; "" when missing.
+// A whole file; "" when missing. Whether path exists. Every "-Trov" file
+// under dir, one a line (empty when there is none).
 std::string daemon_read_file(const std::string &path);
+bool path_exists(const std::string &path);
+std::string daemon_temp_files(const std::string &dir);
 
 // Sends sig to the child. 0, or -errno (-ESRCH when it is not running).
 int daemon_signal(daemon_proc *d, int sig);
