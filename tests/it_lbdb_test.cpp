@@ -131,4 +131,23 @@ TEST_F(ItLbdb, StartIsRefusedWithoutTheServerItsScriptsOrWellFormedDigests) {
     EXPECT_EQ(daemon_count_log(&d_, "redisConnectWithTimeout ERROR"), 1);
 }
 
+// Scripts run by digest cannot include one another, so each carries the
+// expiry sweep; a fix made to one copy only would make the scripts disagree
+// on which URLs are live.
+TEST(LbdbScripts, EveryScriptCarriesTheSameExpirySweep) {
+    std::string first;
+    for (const char *name : {"add_url", "del_url", "next_url", "mbget_url"}) {
+        SCOPED_TRACE(name);
+        std::string text =
+            daemon_read_file(std::string(TROV_SOURCE_DIR) + "/lbdb/" + name + ".lua");
+        size_t from = text.find("if redis.replicate_commands");
+        size_t fn = text.find("local function refresh(");
+        size_t to = fn == std::string::npos ? fn : text.find("\nend\n", fn);
+        ASSERT_TRUE(from != std::string::npos && to != std::string::npos && from < fn);
+        std::string sweep = text.substr(from, to - from);
+        if (first.empty()) first = sweep;
+        EXPECT_EQ(sweep, first);
+    }
+}
+
 }  // namespace
