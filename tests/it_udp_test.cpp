@@ -107,7 +107,8 @@ TEST_F(ItUdp, MalformedDatagramsAreDroppedGoodOnesLandAndOneWithoutExpiryAborts)
     EXPECT_EQ(daemon_count_log(&d_, "TASK-START"), 0);
     EXPECT_FALSE(path_exists(d_.dir + "/escape.ts") || path_exists(data("escape.ts")));
     // The failed orders released their locks, and the channel still reads.
-    EXPECT_FALSE(path_exists(d_.lock_dir + "/ab12.lock") || path_exists(d_.lock_dir + "/ab15.lock"));
+    EXPECT_FALSE(path_exists(d_.lock_dir + "/ab12.lock") ||
+                 path_exists(d_.lock_dir + "/ab15.lock"));
     send("#!ab12 " + order_url("/f/70000/u1", "a/u1.ts") + " 1900000001\n");
     ASSERT_TRUE(logged("downloaded: 70000 bytes"));
     EXPECT_EQ(origin_expect_file(data("a/u1.ts"), "u1", 70000), "");

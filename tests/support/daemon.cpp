@@ -97,8 +97,7 @@ int daemon_init(daemon_proc *d, const std::string &bin) {
 }
 
 std::string daemon_render_config(daemon_proc *d, const daemon_conf &c) {
-    std::string t = "trov: {\n  log: { file = " + qstr(d->log_path) +
-                    "; level = " + qstr(c.level) +
+    std::string t = "trov: {\n  log: { file = " + qstr(d->log_path) + "; level = " + qstr(c.level) +
                     "; time_format = \"local\"; enable_syslog = false; };\n"
                     "  runtime: { non_daemon = true; enforce_core_dumps = false;" +
                     (c.pidfile ? " pidfile = " + qstr(d->pid_path) + ";" : "") + " };\n";
