@@ -37,8 +37,8 @@ struct options {
     std::string list_path;   // one file name per line
     int conc = 1;
     double timeout_s = 600;
-    long pid = 0;            // daemon whose memory is sampled
-    long sample_every = 0;   // completions between two samples; 0: none
+    long pid = 0;           // daemon whose memory is sampled
+    long sample_every = 0;  // completions between two samples; 0: none
     long expiry = 1900000000;
 };
 
@@ -79,9 +79,10 @@ bool read_rss(long pid, long *rss, long *hwm) {
 }
 
 [[noreturn]] void usage() {
-    fprintf(stderr,
-            "usage: orderer -m http|udp -a HOST:PORT -s SRC_BASE -d DST_PREFIX -w WATCH_DIR\n"
-            "               -l NAMES -n CONC [-T TIMEOUT_S] [-p PID -k SAMPLE_EVERY] [-e EXPIRY]\n");
+    fprintf(
+        stderr,
+        "usage: orderer -m http|udp -a HOST:PORT -s SRC_BASE -d DST_PREFIX -w WATCH_DIR\n"
+        "               -l NAMES -n CONC [-T TIMEOUT_S] [-p PID -k SAMPLE_EVERY] [-e EXPIRY]\n");
     exit(2);
 }
 
@@ -341,7 +342,8 @@ int main(int argc, char **argv) {
                                  "User-Agent: trov-bench\r\n\r\n",
                                  opt.src_base.c_str(), name.c_str(), opt.dst_prefix.c_str(),
                                  name.c_str(), opt.expiry, opt.host.c_str(), opt.port);
-                if (m <= 0 || size_t(m) >= sizeof req || send(fd, req, size_t(m), MSG_NOSIGNAL) != m) {
+                if (m <= 0 || size_t(m) >= sizeof req ||
+                    send(fd, req, size_t(m), MSG_NOSIGNAL) != m) {
                     ++send_errors;
                     finish_http(fd, o);
                     continue;
@@ -375,13 +377,14 @@ int main(int argc, char **argv) {
     // Late answers are not waited for; their connections simply close.
     for (auto &kv : http) close(kv.first);
 
-    printf("{\"mode\": \"%s\", \"files\": %zu, \"ordered\": %zu, \"completed\": %zu, "
-           "\"failed\": %ld, \"send_errors\": %ld, \"stray_events\": %ld, \"overflows\": %ld, "
-           "\"timed_out\": %s, \"wall_s\": %.6f, \"first_done_s\": %.6f, "
-           "\"orderer_cpu_s\": %.6f, \"rss_kb\": %ld, \"hwm_kb\": %ld, \"statuses\": {",
-           opt.udp ? "udp" : "http", names.size(), next, done.size(), failed, send_errors, stray,
-           overflows, timed_out ? "true" : "false",
-           (t_last > 0 ? t_last : t_end) - t0, t_first > 0 ? t_first - t0 : -1.0, cpu, rss, hwm);
+    printf(
+        "{\"mode\": \"%s\", \"files\": %zu, \"ordered\": %zu, \"completed\": %zu, "
+        "\"failed\": %ld, \"send_errors\": %ld, \"stray_events\": %ld, \"overflows\": %ld, "
+        "\"timed_out\": %s, \"wall_s\": %.6f, \"first_done_s\": %.6f, "
+        "\"orderer_cpu_s\": %.6f, \"rss_kb\": %ld, \"hwm_kb\": %ld, \"statuses\": {",
+        opt.udp ? "udp" : "http", names.size(), next, done.size(), failed, send_errors, stray,
+        overflows, timed_out ? "true" : "false", (t_last > 0 ? t_last : t_end) - t0,
+        t_first > 0 ? t_first - t0 : -1.0, cpu, rss, hwm);
     bool first = true;
     for (auto &kv : statuses) {
         printf("%s\"%d\": %ld", first ? "" : ", ", kv.first, kv.second);

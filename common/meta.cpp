@@ -31,8 +31,8 @@ const char *app_desc(const char *tag) {
 const char *get_app_tag(const char *name) {
     static char tag[128];
     if (tag[0] != '\0' || name == nullptr) return tag[0] != '\0' ? tag : "#error#";
-    int n = snprintf(tag, sizeof tag, "%s/%s-%d.%d (%s)", name, VERSION, VER_MAJOR, VER_MINOR,
-                     EDITION);
+    int n =
+        snprintf(tag, sizeof tag, "%s/%s-%d.%d (%s)", name, VERSION, VER_MAJOR, VER_MINOR, EDITION);
     if (n < 1 || size_t(n) >= sizeof tag) {
         tag[0] = '\0';
         return "#error#";
