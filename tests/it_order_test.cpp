@@ -1,6 +1,5 @@
-// End to end with trov-order: the built command orders the real daemon over
-// both channels and waits for the file; orders it refuses never leave the
-// loopback socket.
+// trov-order end to end: it orders the real daemon over both channels and waits for the
+// file; orders it refuses never leave for the loopback socket.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -17,27 +16,21 @@
 namespace {
 
 constexpr int WAIT_MS = 10000;
-constexpr int ORDER_MS = 30000;
 
-struct run_result {
-    int status;  // exit status; -1 when it did not exit normally in time
+// One run of the command; status is its exit status, -1 when it did not exit normally in time.
+struct run_order {
     std::string out, err;
+    int status;
+    explicit run_order(const std::vector<std::string> &args)
+        : status(daemon_run(TROV_ORDER_BIN, args, 30000, &out, &err)) {}
 };
-
-run_result run_order(const std::vector<std::string> &args) {
-    run_result r{};
-    r.status = daemon_run(TROV_ORDER_BIN, args, ORDER_MS, &r.out, &r.err);
-    return r;
-}
 
 // A UDP socket of our own on loopback, to see what the command sends.
 struct udp_sink {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     int port = 0;
     udp_sink() {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t len = sizeof a;
         if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
             getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
@@ -50,42 +43,32 @@ struct udp_sink {
         ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
         return n > 0 ? std::string(buf, size_t(n)) : "";
     }
-    std::string endpoint() const { return "127.0.0.1:" + std::to_string(port); }
 };
 
 class ItOrder : public ::testing::Test {
    protected:
     void SetUp() override {
-        if (std::string(TROV_BIN).empty() || std::string(TROV_ORDER_BIN).empty())
-            GTEST_SKIP() << "the daemon or trov-order is not built";
-        org_ = origin_start();
-        ASSERT_NE(org_, nullptr);
+        if (!*TROV_BIN || !*TROV_ORDER_BIN) GTEST_SKIP() << "the daemon or trov-order is not built";
+        ASSERT_NE(org_ = origin_start(), nullptr);
         ASSERT_EQ(daemon_init(&d_, TROV_BIN), 0);
     }
-    void TearDown() override {
-        daemon_destroy(&d_);
-        origin_destroy(org_);
-    }
+    void TearDown() override { daemon_destroy(&d_), origin_destroy(org_); }
 
     origin *org_ = nullptr;
     daemon_proc d_{};
 };
 
 TEST_F(ItOrder, OrderWithWaitFetchesTheFileAndARepeatIsRefusedOnBothChannels) {
-    int uport = pick_free_port(SOCK_DGRAM);
-    ASSERT_GT(uport, 0);
+    const std::string uep = "127.0.0.1:" + std::to_string(pick_free_port(SOCK_DGRAM));
     daemon_conf c;
-    c.udp_url = "udp://127.0.0.1:" + std::to_string(uport);
-    ASSERT_EQ(daemon_configure(&d_, c), 0);
-    ASSERT_EQ(daemon_start(&d_), 0);
+    c.udp_url = "udp://" + uep;
+    ASSERT_TRUE(daemon_configure(&d_, c) == 0 && daemon_start(&d_) == 0);
     ASSERT_EQ(daemon_wait_log(&d_, "STARTING. PID=", WAIT_MS), 0);
 
-    // A "src" segment and a "+" in the source, blanks in the destination:
-    // all must reach the origin and the disk as typed.
+    // A "src" segment and a "+" in the source, blanks in the destination all arrive as typed.
     std::string src = origin_url(org_, "/f/5000/src/a+b.ts");
-    run_result r =
-        run_order({"udp", "127.0.0.1:" + std::to_string(uport), "it-order-1", src, "got/x y.ts",
-                   "--wait", d_.data_dir, "--timeout", "20", "--expiry", "1900000000"});
+    run_order r({"udp", uep, "it-order-1", src, "got/x y.ts", "--wait", d_.data_dir, "--timeout",
+                 "20", "--expiry", "1900000000"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.rfind("#!it-order-1 http://0/src/", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("\n" + d_.data_dir + "/got/x y.ts: 5000 bytes in "), std::string::npos)
@@ -111,12 +94,9 @@ TEST_F(ItOrder, OrderWithWaitFetchesTheFileAndARepeatIsRefusedOnBothChannels) {
 TEST_F(ItOrder, RefusedOrdersNeverLeaveAndGoodOnesArriveAsPrinted) {
     udp_sink sink;
     ASSERT_GT(sink.port, 0);
-    const std::string ep = sink.endpoint();
-    const std::string src = "http://127.0.0.1:9/live/a.ts";
-    struct Case {
-        std::vector<std::string> args;
-        const char *says;
-    } cases[] = {
+    const std::string ep = "127.0.0.1:" + std::to_string(sink.port),
+                      src = "http://127.0.0.1:9/live/a.ts";
+    const std::pair<std::vector<std::string>, const char *> cases[] = {
         {{"fetch", ep, "abcd", src}, "unknown command [fetch]"},
         {{"udp", ep, "abcd"}, "udp takes HOST:PORT ID SOURCE-URL [DEST]"},
         {{"udp", ep, "abc", src}, "4 to 31"},
@@ -128,23 +108,20 @@ TEST_F(ItOrder, RefusedOrdersNeverLeaveAndGoodOnesArriveAsPrinted) {
         {{"udp", ep, "abcd", src, "--bogus"}, "unknown option --bogus"},
         {{"udp", ep, "abcd", src, "-w"}, "needs an argument"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.says);
-        run_result r = run_order(c.args);
-        EXPECT_EQ(r.status, 2);
-        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(sink.take(), "");
+    for (const auto &[args, says] : cases) {
+        run_order r(args);
+        EXPECT_EQ(r.status, 2) << says;
+        EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
+        EXPECT_EQ(r.out + sink.take(), "") << says;
     }
-    run_result r = run_order({"udp", ep, "ok-order", src, "/x/a.ts", "-e", "+0"});
+    run_order r({"udp", ep, "ok-order", src, "/x/a.ts", "-e", "+0"});
     ASSERT_EQ(r.status, 0) << r.err;
     std::string sent = sink.take();
     EXPECT_EQ(r.out.substr(0, r.out.find('\n')), sent);
     EXPECT_EQ(sent.rfind("#!ok-order http://0/src/http://127.0.0.1:9/live/a.ts/dst/x/a.ts ", 0), 0u)
         << sent;
     long expiry = std::stol(sent.substr(sent.rfind(' ') + 1));
-    EXPECT_LE(expiry, long(time(nullptr)));
-    EXPECT_GT(expiry, long(time(nullptr)) - 60);
+    EXPECT_TRUE(expiry <= time(nullptr) && expiry > time(nullptr) - 60) << expiry;
 
     // A wait that runs out, off a terminal: no progress line, exit 3.
     r = run_order({"udp", ep, "late-order", src, "--wait", d_.data_dir, "--timeout", "0.5"});
