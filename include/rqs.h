@@ -105,8 +105,8 @@ int rqs_purge_nopoll_rm();
 // file twice gives the same watch descriptor, which is refused (-1) while
 // the first registration stays intact.
 int rqs_add_file_watch(void *udata, const char *path);
-// 0, -1 when the kernel refuses (a watch the kernel already dropped, after a
-// deletion, is refused too), or the map's error code.
+// 0, -1 when the kernel refuses (a watch the kernel already dropped after a
+// deletion too: it stays counted), or the map's error code.
 int rqs_rm_file_watch(int wd);
 
 // spec 0: pollable + no-poll, 1: pollable, 2: no-poll; anything else is a

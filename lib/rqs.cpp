@@ -578,17 +578,13 @@ int rqs_add_file_watch(void *udata, const char *path) {
 }
 
 int rqs_rm_file_watch(int wd) {
-    void *udata = nullptr;
+    // A watch the kernel dropped by itself (its file deleted) fails here too
+    // and stays counted, as any refused removal does.
     if (inotify_rm_watch(s_ino.fd, wd) != 0) {
         int err = errno;
-        // The kernel drops a watch by itself once its file is deleted (the
-        // IN_IGNORED record); then only our side of it is left to undo.
-        if (err != EINVAL || s_ino.wfd_ht == 0 || nkht_get(s_ino.wfd_ht, wd, &udata) != 0) {
-            LOG_ERR("%s: inotify_rm_watch(%d, %d) ERROR(%d): %s\n", __func__, s_ino.fd, wd, err,
-                    strerror(err));
-            return -1;
-        }
-        LOG_DBG("%s: wfd=%d was already dropped by the kernel\n", __func__, wd);
+        LOG_ERR("%s: inotify_rm_watch(%d, %d) ERROR(%d): %s\n", __func__, s_ino.fd, wd, err,
+                strerror(err));
+        return -1;
     }
     s_ino.wfd_count -= 1;
     XASSERT(s_ino.wfd_count >= 0);
