@@ -157,6 +157,14 @@ void log_set_pid(log_ctx *log, pid_t pid);
 pid_t log_get_pid(const log_ctx *log);
 void log_set_group(log_ctx *log, n64_tag group);
 n64_tag log_get_group(const log_ctx *log);
+// Lines logged in the scope carry group g; the group before is back at its end.
+struct log_group_scope {
+    explicit log_group_scope(n64_tag g) : saved(log_get_group(g_log)) { log_set_group(g_log, g); }
+    ~log_group_scope() { log_set_group(g_log, saved); }
+    log_group_scope(const log_group_scope &) = delete;
+    log_group_scope &operator=(const log_group_scope &) = delete;
+    n64_tag saved;
+};
 void *log_set_lard(log_ctx *log, void *handle);
 
 void log_set_rota(log_ctx *log, size_t max_bytes, size_t max_files, time_t eod);

@@ -30,8 +30,6 @@ net_options g_netopts;
 
 namespace {
 
-constexpr size_t MAX_CANDIDATES = 16;  // addresses of one name we are willing to try
-
 bool is_plain_number(std::string_view s) {
     if (s.empty()) return false;
     for (char c : s)
@@ -693,29 +691,23 @@ int open_socket(const char *addr, const char *port, const char *ssm_source, sock
     }
     scope_exit free_res{[res] { freeaddrinfo(res); }};
 
-    // The resolver lists the IPv4 wildcard first; a listener of no stated
-    // family takes the IPv6 one first because it serves both families.
-    const addrinfo *cand[MAX_CANDIDATES];
-    size_t ncand = 0;
-    bool v6_first = is_listener && !has_addr && spec->family == AF_UNSPEC;
-    for (int pass = v6_first ? 0 : 1; pass < 2; ++pass)
-        for (const addrinfo *ai = res; ai != nullptr && ncand < MAX_CANDIDATES; ai = ai->ai_next)
-            if (!v6_first || (pass == 0) == (ai->ai_family == AF_INET6)) cand[ncand++] = ai;
-
+    // Only the resolver's first answer is tried (for a wildcard of no stated
+    // family that is the IPv4 one): a name that resolves to several
+    // addresses gives one socket or a failure, never a quiet fallback.
+    const addrinfo *ai = res;
     bool use_ifc = ifc != nullptr && !is_anyaddr(ifc);
-    for (size_t i = 0; i < ncand; ++i) {
-        const addrinfo *ai = cand[i];
+    do {  // a failed step breaks out to the failure below, closing the socket
         LOG_DBG("af=%s (%d), proto = %d\n", af_name(ai->ai_family), ai->ai_family, ai->ai_protocol);
         if (spec->is_ssm && spec->src_ss.ss_family != ai->ai_family) {
             LOG_ERR("%s: SMM src/addr family mismatch: %u/%u\n", __func__,
                     unsigned{spec->src_ss.ss_family}, unsigned(ai->ai_family));
-            continue;
+            break;
         }
         // A non-blocking socket is made so in the same call, which saves two
         // fcntl calls for every outbound connection of a busy agent.
         const int type = ai->ai_socktype | (spec->non_blocking ? SOCK_NONBLOCK : 0);
         int fd = W_socket(__func__, ai->ai_family, type, ai->ai_protocol);
-        if (fd < 0) continue;
+        if (fd < 0) break;
         ifc_info *found = nullptr;
         scope_exit undo{[fd, &found, who = __func__] {
             (void)W_close(who, fd);
@@ -725,15 +717,15 @@ int open_socket(const char *addr, const char *port, const char *ssm_source, sock
         spec->multicast = is_mcast_addr(ai->ai_addr) ? 1 : 0;
         addrinfo local = *ai;  // the candidate, with a group's scope id filled in
         sockaddr_storage local_addr;
-        if (!copy_addr(ai->ai_addr, ai->ai_addrlen, &local_addr)) continue;
+        if (!copy_addr(ai->ai_addr, ai->ai_addrlen, &local_addr)) break;
         local.ai_addr = reinterpret_cast<sockaddr *>(&local_addr);
         if (spec->multicast) {
-            if (use_ifc && (found = get_ifc_info(ai->ai_family, ifc)) == nullptr) continue;
+            if (use_ifc && (found = get_ifc_info(ai->ai_family, ifc)) == nullptr) break;
             // The group kept in the socket_spec carries the interface in its scope
             // id, so the caller's sendto and leave reach the same interface.
             if (local_addr.ss_family == AF_INET6 &&
                 sync_ipv6addr_scope_id(reinterpret_cast<sockaddr_in6 *>(&local_addr), found) != 0)
-                continue;
+                break;
             const auto *src =
                 spec->is_ssm ? reinterpret_cast<const sockaddr *>(&spec->src_ss) : nullptr;
             rc = spec->writer ? setup_mcast_writer(fd, &local, found)
@@ -741,7 +733,7 @@ int open_socket(const char *addr, const char *port, const char *ssm_source, sock
         } else {
             rc = is_listener ? setup_listener(fd, ai, spec) : setup_client(fd, ai, spec);
         }
-        if (rc != 0) continue;
+        if (rc != 0) break;
 
         spec->addr_ss = local_addr;
         spec->addr_len = family_len(ai->ai_family);
@@ -756,7 +748,7 @@ int open_socket(const char *addr, const char *port, const char *ssm_source, sock
         LOG_DBG("%s: %s %s socket fd=[%d]\n", __func__, is_listener ? "SERVER" : "CLIENT",
                 spec->multicast ? "multicast" : "unicast", fd);
         return fd;
-    }
+    } while (false);
     spec->multicast = 0;
     spec->is_ssm = false;
     LOG_ERR("%s: no usable socket for [%s:%s]\n", __func__, has_addr ? addr : "all", port);

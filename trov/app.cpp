@@ -97,18 +97,6 @@ ssize_t splice_fragment(dw_task *task, size_t want) {
 dw_task **pprm_slots() { return static_cast<dw_task **>(g_ctx.pprm_tasks.data); }
 dw_task *task_slots() { return static_cast<dw_task *>(g_ctx.tasks.data); }
 
-// Switches the log group for the life of a scope.
-class group_scope {
-   public:
-    explicit group_scope(n64_tag g) : saved_(log_get_group(g_log)) { log_set_group(g_log, g); }
-    ~group_scope() { log_set_group(g_log, saved_); }
-    group_scope(const group_scope &) = delete;
-    group_scope &operator=(const group_scope &) = delete;
-
-   private:
-    n64_tag saved_;
-};
-
 // Reserves the whole body on disk before the first byte arrives: a full
 // file system then fails this one task at its start (the requester gets 500
 // and the temporary file goes), instead of a store into a mapped page that
@@ -295,7 +283,9 @@ int mk_dw_task(int cfd, const dw_spec *spec) {
     rui_mk_trknum(&g_ctx.last_task_id, &trk, 'T', DW_TRK_MAX);
     dw_task *task = add_dw(spec, trk);
     if (task == nullptr) return -1;
-    group_scope grp(task->trk_tag);
+    // From here on every line carries the task's tag, also after the return,
+    // until something else takes the group over.
+    log_set_group(g_log, task->trk_tag);
 
     if (cfd < 0) {
         task->cfd = -1;
@@ -345,6 +335,16 @@ int unhash_task(dw_task *task) {
     return rc;
 }
 
+// The live task other than task that holds task's temporary file open, or null.
+const dw_task *dest_writer(const dw_task *task) {
+    const dw_task *slots = task_slots();
+    for (size_t j = 0; j <= g_ctx.tasks.last && g_ctx.tasks.len > 0; ++j)
+        if (g_ctx.tasks.taken[j] && &slots[j] != task && slots[j].dfd > 0 &&
+            strcmp(slots[j].spec.fpath, task->spec.fpath) == 0)
+            return &slots[j];
+    return nullptr;
+}
+
 void free_dw(dw_task *task) {
     LOG_DBG("%s: %s (%p) url=[%s], dst=[%s], idx=%zd\n", __func__, task->trk_tag.str,
             static_cast<void *>(task), task->spec.url, task->spec.fpath, task->idx);
@@ -355,9 +355,6 @@ void free_dw(dw_task *task) {
                 long(task->spec.expiry_tm), task->spec.lid);
     task->tag.str[0] = '#';
     (void)unhash_task(task);
-    // Only a file this task created is its to remove: an open that failed
-    // (another order for the same destination won the exclusive create)
-    // leaves the other task's file alone.
     const bool own_file = task->dfd > 0;
     // Descriptor 0 is never closed here: a zero in these fields means a
     // record that was never set up, not standard input.
@@ -391,10 +388,15 @@ void free_dw(dw_task *task) {
                 static_cast<void *>(task->buf), task->buflen);
     }
     if (is_unfinished_seg(task->spec.fpath)) {
-        if (own_file) {
-            LOG_WRN("%s: removing unfinished [%s]\n", __func__, task->spec.fpath);
+        LOG_WRN("%s: removing unfinished [%s]\n", __func__, task->spec.fpath);
+        // A leftover of an earlier run goes, so the next order can make the
+        // file; one that another live task is writing (it won the exclusive
+        // create for the same destination) stays.
+        if (const dw_task *writer = own_file ? nullptr : dest_writer(task); writer != nullptr)
+            LOG_INF("%s: [%s] is being written by %s, left in place\n", __func__,
+                    task->spec.fpath, writer->trk_tag.str);
+        else
             (void)W_unlink(__func__, task->spec.fpath);
-        }
         task->spec.fpath[0] = '\0';
     }
     if (task->buf != nullptr) {
@@ -445,7 +447,7 @@ int connect_to_src(const char *url, usock_ctx *sctx) {
 }
 
 int dw_write(dw_task *task) {
-    group_scope grp(task->trk_tag);
+    log_group_scope grp(task->trk_tag);
     if (task->is_quitting) {
         LOG_WRN("%s: %s already quitting\n", __func__, task->trk_tag.str);
         return 0;

@@ -209,14 +209,6 @@ int runtime_steps() {
     return 0;
 }
 
-struct group_scope {
-    explicit group_scope(n64_tag g) : saved(log_get_group(g_log)) { log_set_group(g_log, g); }
-    ~group_scope() { log_set_group(g_log, saved); }
-    group_scope(const group_scope &) = delete;
-    group_scope &operator=(const group_scope &) = delete;
-    n64_tag saved;
-};
-
 const char *event_word(int err) {
     return err == RQS_FL_HUP ? "HUP" : (err != 0 ? "ERROR" : "data");
 }
@@ -410,7 +402,7 @@ int on_read(int fd, int err, void *udata, void *aux) {
         }
         case DOW_TAG.num: {
             auto *task = static_cast<dw_task *>(udata);
-            group_scope grp(task->trk_tag);
+            log_group_scope grp(task->trk_tag);
             bool skip = skip_on_hangup(task->sfd, err);
             if (!skip && (err == 0 || err == RQS_FL_HUP)) return dw_read(task);
             LOG_ERR("%s: task [%s] (%p) err=%d\n", __func__, task->trk_tag.str, udata, err);
@@ -420,7 +412,7 @@ int on_read(int fd, int err, void *udata, void *aux) {
         case RSC_TAG.num:
             return on_srv_accept(fd, err, udata, aux);
         case UDL_TAG.num: {
-            group_scope grp(UDL_GROUP);
+            log_group_scope grp(UDL_GROUP);
             return udl_accept(static_cast<udl_ctx *>(udata));
         }
         default:
