@@ -66,7 +66,6 @@ struct log_ctx {
     void *lh;  // attached log ring; never attached by this program
     syslog_cfg syslg;
     char pfx[64];
-    size_t fbuf_size;  // full buffering of a file stream, bytes; 0 = unbuffered
 };
 
 // Per source module: its module number and its current section (-1 = none).
@@ -141,12 +140,6 @@ void log_default(log_ctx *log, FILE *fp);
 [[nodiscard]] int log_popen(log_ctx *log, const char *command);
 void log_close(log_ctx *log);
 
-// Buffers file logs opened from now on (rotation included) instead of
-// writing each line at once; warnings and worse still go out at once. The
-// owner calls log_sync when it is idle (the daemon: after every pass of its
-// loop). 0 = unbuffered.
-void log_buffer(log_ctx *log, size_t bytes);
-void log_sync(log_ctx *log);
 
 void log_mirror(log_ctx *log, FILE *fp);
 FILE *log_mirror_fp(const log_ctx *log);

@@ -117,8 +117,6 @@ int do_open(log_ctx *log, const char *path) {
     snprintf(log->name, sizeof log->name, "%s", path);
     if (log->is_pipe)
         setvbuf(fp, nullptr, _IOLBF, 0);
-    else if (log->fbuf_size > 0)
-        setvbuf(fp, nullptr, _IOFBF, log->fbuf_size);
     else
         setvbuf(fp, nullptr, _IONBF, 0);
     log->fp = fp;
@@ -236,12 +234,6 @@ void log_close(log_ctx *log) {
     log->is_pipe = 0;
     if (log->syslg.enabled) disable_syslog(log);
     log->lh = nullptr;
-}
-
-void log_buffer(log_ctx *log, size_t bytes) { log->fbuf_size = bytes; }
-
-void log_sync(log_ctx *log) {
-    if (!is_std_stream(log->fp) && log->fbuf_size > 0) fflush(log->fp);
 }
 
 void log_mirror(log_ctx *log, FILE *fp) {
@@ -510,7 +502,6 @@ void log_flush(log_ctx *log, int level) {
     if (s_line_len == 0) return;
     FILE *fp = out_fp(log);
     fputs(s_line, fp);
-    if (level < 0 && log->fbuf_size > 0) fflush(fp);
     log->total_out += s_line_len;
     if (log->mirror_fp != nullptr && fileno(log->mirror_fp) != fileno(fp))
         fputs(s_line, log->mirror_fp);

@@ -31,7 +31,6 @@ namespace {
 constexpr const char *APP = "trv";
 constexpr n64_tag APP_GROUP = mk_tag64("TRV");
 constexpr n64_tag UDL_GROUP = mk_tag64("uDl");
-constexpr size_t LOG_FILE_BUFFER = 64 << 10;
 
 bool s_debug_mode;
 
@@ -170,9 +169,6 @@ int runtime_steps() {
     }
     if (g_cfg.log.path[0] != '\0') {
         const char *path = g_cfg.log.path;
-        // A busy agent writes many lines per pass of its loop: they go out
-        // together before it waits again (warnings and worse at once).
-        log_buffer(g_log, LOG_FILE_BUFFER);
         int rc = path[0] == '|' ? log_popen(g_log, path + 1) : log_open_ex(g_log, path, 0);
         if (rc != 0) {
             log_default(g_log, stderr);
@@ -479,16 +475,9 @@ int on_error(int, int err, void *udata, void *) {
 
 void upd_tmout(timespec *ts) {
     ms2timespec(get_min_timeout(), ts);
-    // The last call before the loop sleeps: whatever the pass logged goes out
-    // now, so the file is up to date whenever the daemon is idle.
-    log_sync(g_log);
 }
 
 int on_pp() {
-    // Lines of the pass reach the file before the requests and tasks that
-    // produced them are closed, so a client that sees its connection end
-    // finds them written.
-    log_sync(g_log);
     pprm_requests();
     pprm_task_cleanup();
     return 0;
