@@ -79,18 +79,25 @@ bool is_std_stream(const FILE *fp) { return fp == nullptr || fp == stdout || fp 
 
 // Appends one formatted piece and its trailing blank to the line; false when
 // it does not fit.
-[[gnu::format(printf, 1, 2)]] bool line_piece(const char *fmt, ...) {
+// Appends one piece to the line; it must fit whole (positive and smaller
+// than the room left). *n gets the formatting result either way.
+[[gnu::format(printf, 2, 0)]] bool line_vpiece(int *n, const char *fmt, va_list ap) {
     size_t room = LOG_LINE_SIZE - 1 - s_line_len;
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(s_line + s_line_len, room + 1, fmt, ap);
-    va_end(ap);
-    if (n <= 0 || size_t(n) >= room) {
+    *n = vsnprintf(s_line + s_line_len, room + 1, fmt, ap);
+    if (*n <= 0 || size_t(*n) >= room) {
         s_line[s_line_len] = '\0';
         return false;
     }
-    s_line_len += size_t(n);
+    s_line_len += size_t(*n);
     return true;
+}
+
+[[gnu::format(printf, 2, 3)]] bool line_piece(int *n, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    bool ok = line_vpiece(n, fmt, ap);
+    va_end(ap);
+    return ok;
 }
 
 int do_open(log_ctx *log, const char *path) {
@@ -304,12 +311,16 @@ int log_rotate(log_ctx *log) {
                 static_cast<unsigned long>(sizeof newname - 1));
         return -1;
     }
+    char name[sizeof log->name];
+    memcpy(name, log->name, sizeof name);
     FILE *fp = log->fp;
     log->fp = nullptr;
     if (fclose(fp) != 0) {
         int err = errno;
         fprintf(stderr, "%s: failed to close [%s], ERROR(%d): %s\n", __func__, log->name, err,
                 strerror(err));
+        // The log goes on under its name; rotation is tried again later.
+        (void)do_open(log, name);
         return -1;
     }
     char failure[384] = "";
@@ -319,8 +330,6 @@ int log_rotate(log_ctx *log) {
                  __func__, log->name, newname, err, strerror(err));
         fprintf(stderr, "%s - rotation is to be stopped\n", failure);
     }
-    char name[sizeof log->name];
-    memcpy(name, log->name, sizeof name);
     if (int rc = do_open(log, name); rc != 0) return rc;
     if (failure[0] != '\0') {
         log->total_out = 0;
@@ -444,8 +453,9 @@ int logbuf_prepare(log_ctx *log, int level, const char *fmt, ...) {
 int logbuf_vprepare(log_ctx *log, int level, const char *fmt, va_list ap) {
     s_line_len = 0;
     s_line[0] = '\0';
-    if (log->pfx[0] != '\0' && !line_piece("%s ", log->pfx)) {
-        fprintf(stderr, "%s: pfx buffer error (n=%d)\n", "logbuf_prepare", -1);
+    int n = 0;
+    if (log->pfx[0] != '\0' && !line_piece(&n, "%s ", log->pfx)) {
+        fprintf(stderr, "%s: pfx buffer error (n=%d)\n", "logbuf_prepare", n);
         return -1;
     }
     if ((log->time_format & TMF_NOTIME) == 0) {
@@ -459,42 +469,35 @@ int logbuf_vprepare(log_ctx *log, int level, const char *fmt, va_list ap) {
         if (clock_gettime(clk == 0 ? CLOCK_REALTIME : CLOCK_MONOTONIC, &ts) != 0)
             perror("clock_gettime");
         char tbuf[64];
-        int n = mk_timestr(&ts, log->time_format, tbuf, sizeof tbuf);
-        if (n < 0 || !line_piece("%s ", tbuf)) {
+        n = mk_timestr(&ts, log->time_format, tbuf, sizeof tbuf);
+        if (n < 0 || !line_piece(&n, "%s ", tbuf)) {
             fprintf(stderr, "%s: time buffer error (n=%d)\n", "logbuf_prepare", n);
             logbuf_reset();
             return -1;
         }
-        if (log->pid > 0 && !line_piece("%lu ", static_cast<unsigned long>(log->pid))) {
-            fprintf(stderr, "%s: pid buffer error (n=%d)", "logbuf_prepare", -1);
+        if (log->pid > 0 && !line_piece(&n, "%lu ", static_cast<unsigned long>(log->pid))) {
+            fprintf(stderr, "%s: pid buffer error (n=%d)", "logbuf_prepare", n);
             logbuf_reset();
             return -1;
         }
     }
-    if (level >= -126 && !line_piece("%s ", get_level_tag(level))) {
-        fprintf(stderr, "%s: level buffer error (n=%d)", "logbuf_prepare", -1);
+    if (level >= -126 && !line_piece(&n, "%s ", get_level_tag(level))) {
+        fprintf(stderr, "%s: level buffer error (n=%d)", "logbuf_prepare", n);
         logbuf_reset();
         return -1;
     }
-    if (log->group.num != 0 && !line_piece("%s ", log->group.str)) {
-        fprintf(stderr, "%s: group buffer error (n=%d)", "logbuf_prepare", -1);
+    if (log->group.num != 0 && !line_piece(&n, "%s ", log->group.str)) {
+        fprintf(stderr, "%s: group buffer error (n=%d)", "logbuf_prepare", n);
         logbuf_reset();
         return -1;
     }
-    size_t room = LOG_LINE_SIZE - 1 - s_line_len;
-    int n = vsnprintf(s_line + s_line_len, room + 1, fmt, ap);
-    if (n < 0) {
+    // A message that does not fit is dropped whole rather than cut: a cut
+    // line could pass for a complete one.
+    if (!line_vpiece(&n, fmt, ap)) {
         perror("fprintf/vfprintf");
         logbuf_reset();
         return -1;
     }
-    if (size_t(n) > room) {
-        // An over-long message keeps what fits and still ends its line.
-        n = int(room);
-        s_line[LOG_LINE_SIZE - 2] = '\n';
-        s_line[LOG_LINE_SIZE - 1] = '\0';
-    }
-    s_line_len += size_t(n);
     return n;
 }
 

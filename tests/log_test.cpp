@@ -57,7 +57,13 @@ TEST_F(Log, LayoutFollowsTheTimeFormatAndLevelsDecideVisibility) {
     log_set_group(g_log, n64_tag{});
     log_set_pfx(g_log, nullptr);
     LOG_DBG("hidden debug\n");
-    LOG_INF("%s\n", std::string(3000, 'z').c_str());  // cut, but keeps its line end
+    // A message must fit the line whole (2047 bytes, "\n" included): one byte
+    // more and it is dropped with a word on stderr, never cut.
+    const size_t fits = LOG_LINE_SIZE - 1 - 6 - 2;  // after "(INF) ", with room to spare
+    LOG_INF("%s\n", std::string(fits, 'z').c_str());
+    testing::internal::CaptureStderr();
+    LOG_INF("%s\n", std::string(fits + 1, 'y').c_str());
+    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("fprintf/vfprintf: ", 0), 0u);
     log_set_modules(g_log, LL_NORM);
     LOG_INF("hidden info\n");
     // In a section the section's level (64) counts against the module threshold.
@@ -70,7 +76,7 @@ TEST_F(Log, LayoutFollowsTheTimeFormatAndLevelsDecideVisibility) {
     LOG_ERR("local\n");
     log_set_pid(g_log, 0);
     const std::string got = slurp(path_);
-    const std::string cut = std::to_string(LOG_LINE_SIZE - 8);  // the whole line is 2047 bytes
+    const std::string cut = std::to_string(fits);
     EXPECT_TRUE(std::regex_match(
         got, std::regex("edge1 \\(INF\\) T0001 fn: hello 7\n\\(INF\\) z{" + cut +
                         "}\n\\(DBG\\) shown debug in section\n\\d{4}-\\d\\d-\\d\\d "
