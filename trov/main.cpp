@@ -139,11 +139,6 @@ void raise_nofile_limit() {
 
 int runtime_steps() {
     const rt_cfg &rt = g_cfg.rt;
-    (void)get_app_tag(APP);
-    usock_set_apptag(get_app_tag(nullptr));
-    if (int rc = handle_quit_signals(on_sigquit); rc != 0) return rc;
-    if (int rc = ignore_sigpipe(); rc != 0) return rc;
-    if (int rc = handle_sig(SIGUSR2, on_tdbg); rc != 0) return rc;
     if (!rt.non_daemon) {
         if (g_cfg.log.path[0] == '\0') {
             LOG_ERR("Logfile must be specified to run as daemon\n");
@@ -301,6 +296,12 @@ int setup_config(int argc, char **argv) {
 }
 
 int runtime_setup() {
+    (void)get_app_tag(APP);
+    usock_set_apptag(get_app_tag(nullptr));
+    // The handlers' own failure lines say enough: no FAILED line after them.
+    if (int rc = handle_quit_signals(on_sigquit); rc != 0) return rc;
+    if (int rc = ignore_sigpipe(); rc != 0) return rc;
+    if (int rc = handle_sig(SIGUSR2, on_tdbg); rc != 0) return rc;
     int rc = runtime_steps();
     if (rc == 0)
         LOG_DBG("%s: OK\n", __func__);
@@ -473,9 +474,7 @@ int on_error(int, int err, void *udata, void *) {
     return 0;
 }
 
-void upd_tmout(timespec *ts) {
-    ms2timespec(get_min_timeout(), ts);
-}
+void upd_tmout(timespec *ts) { ms2timespec(get_min_timeout(), ts); }
 
 int on_pp() {
     pprm_requests();
