@@ -215,9 +215,8 @@ int rui_enable_listeners(rui_socket_ctx *slots) {
         if (int rc = rui_start_listener(srv->lc, srv); rc != 0) return rc;
         ++count;
     }
-    if (count > 0)
-        LOG_DBG("%s: %lu [%s] listener(s) started\n", __func__, static_cast<unsigned long>(count),
-                kind);
+    LOG_DBG("%s: %lu [%s] listener(s) started\n", __func__, static_cast<unsigned long>(count),
+            kind);
     return 0;
 }
 
