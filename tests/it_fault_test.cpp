@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "daemon.h"
+#include "daemon_test.h"
 #include "netclient.h"
 #include "origin.h"
 
@@ -26,21 +27,18 @@ namespace {
 
 constexpr int WAIT_MS = 10000;
 
-class ItFault : public ::testing::Test {
+class ItFault : public DaemonTest {
    protected:
     void SetUp() override {
-        if (std::string(TROV_BIN).empty()) GTEST_SKIP() << "the daemon binary is not built";
-        org_ = origin_start();
-        ASSERT_NE(org_, nullptr);
-        ASSERT_EQ(daemon_init(&d_, TROV_BIN), 0);
+        DaemonTest::SetUp();
+        if (!set_up()) return;
         udp_port_ = pick_free_port(SOCK_DGRAM);
         ASSERT_GT(udp_port_, 0);
     }
     void TearDown() override {
         // Unmounted first, so that the removal of the directory can finish.
         if (!mnt_.empty()) (void)umount2(mnt_.c_str(), MNT_DETACH);
-        daemon_destroy(&d_);
-        origin_destroy(org_);
+        DaemonTest::TearDown();
     }
     void start(daemon_conf c, bool udp = false) {
         if (udp) c.udp_url = "udp://127.0.0.1:" + std::to_string(udp_port_);
@@ -64,8 +62,6 @@ class ItFault : public ::testing::Test {
         return daemon_wait_log(&d_, text, WAIT_MS, count) == 0;
     }
 
-    origin *org_ = nullptr;
-    daemon_proc d_{};
     int udp_port_ = 0;
     std::string mnt_;
 };

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "daemon.h"
+#include "daemon_test.h"
 #include "netclient.h"
 #include "origin.h"
 
@@ -42,18 +43,8 @@ struct detached_guard {
     }
 };
 
-class ItHttp : public ::testing::Test {
+class ItHttp : public DaemonTest {
    protected:
-    void SetUp() override {
-        if (std::string(TROV_BIN).empty()) GTEST_SKIP() << "the daemon binary is not built";
-        org_ = origin_start();
-        ASSERT_NE(org_, nullptr);
-        ASSERT_EQ(daemon_init(&d_, TROV_BIN), 0);
-    }
-    void TearDown() override {
-        daemon_destroy(&d_);
-        origin_destroy(org_);
-    }
     void start(const daemon_conf &c = daemon_conf{}) {
         ASSERT_EQ(daemon_configure(&d_, c), 0);
         ASSERT_EQ(daemon_start(&d_), 0);
@@ -68,9 +59,6 @@ class ItHttp : public ::testing::Test {
         return daemon_wait_log(&d_, text, WAIT_MS, count, from) == 0;
     }
     std::string data(const std::string &rel) { return d_.data_dir + "/" + rel; }
-
-    origin *org_ = nullptr;
-    daemon_proc d_{};
 };
 
 TEST_F(ItHttp, ForegroundRunFromStartToSigterm) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "daemon.h"
+#include "daemon_test.h"
 #include "netclient.h"
 #include "origin.h"
 #include "redis_server.h"
@@ -20,14 +21,12 @@ constexpr int WAIT_MS = 10000;
 // already under it is a local file.
 const std::string PREFIX = "http://edge1.example";
 
-class ItLbdb : public ::testing::Test {
+class ItLbdb : public DaemonTest {
    protected:
     void SetUp() override {
-        if (std::string(TROV_BIN).empty()) GTEST_SKIP() << "the daemon binary is not built";
+        DaemonTest::SetUp();
+        if (!set_up()) return;
         ASSERT_EQ(redis_server_start(&rs_), 0);
-        org_ = origin_start();
-        ASSERT_NE(org_, nullptr);
-        ASSERT_EQ(daemon_init(&d_, TROV_BIN), 0);
         sha_dir_ = d_.dir + "/sha1";
         ASSERT_EQ(mkdir(sha_dir_.c_str(), 0755), 0);
         ASSERT_EQ(redis_server_load_lbdb(&rs_, TROV_SOURCE_DIR, sha_dir_.c_str()), 0);
@@ -42,8 +41,7 @@ class ItLbdb : public ::testing::Test {
     }
     void TearDown() override {
         if (redis_ != nullptr) redisFree(redis_);
-        daemon_destroy(&d_);
-        origin_destroy(org_);
+        DaemonTest::TearDown();
         redis_server_destroy(&rs_);
     }
     // Starts the daemon; when it must refuse, its wait status text instead.
@@ -72,8 +70,6 @@ class ItLbdb : public ::testing::Test {
 
     redis_server rs_{};
     redisContext *redis_ = nullptr;
-    origin *org_ = nullptr;
-    daemon_proc d_{};
     daemon_conf conf_;
     std::string sha_dir_;
     int udp_port_ = 0;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "daemon.h"
+#include "daemon_test.h"
 #include "netclient.h"
 #include "origin.h"
 
@@ -45,17 +46,12 @@ struct udp_sink {
     }
 };
 
-class ItOrder : public ::testing::Test {
+class ItOrder : public DaemonTest {
    protected:
     void SetUp() override {
-        if (!*TROV_BIN || !*TROV_ORDER_BIN) GTEST_SKIP() << "the daemon or trov-order is not built";
-        ASSERT_NE(org_ = origin_start(), nullptr);
-        ASSERT_EQ(daemon_init(&d_, TROV_BIN), 0);
+        if (!*TROV_ORDER_BIN) GTEST_SKIP() << "trov-order is not built";
+        DaemonTest::SetUp();
     }
-    void TearDown() override { daemon_destroy(&d_), origin_destroy(org_); }
-
-    origin *org_ = nullptr;
-    daemon_proc d_{};
 };
 
 TEST_F(ItOrder, OrderWithWaitFetchesTheFileAndARepeatIsRefusedOnBothChannels) {

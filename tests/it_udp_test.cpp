@@ -11,6 +11,7 @@
 #include <string>
 
 #include "daemon.h"
+#include "daemon_test.h"
 #include "netclient.h"
 #include "origin.h"
 
@@ -32,20 +33,17 @@ bool lo_multicast_ready() {
     return ok;
 }
 
-class ItUdp : public ::testing::Test {
+class ItUdp : public DaemonTest {
    protected:
     void SetUp() override {
-        if (std::string(TROV_BIN).empty()) GTEST_SKIP() << "the daemon binary is not built";
-        org_ = origin_start();
-        ASSERT_NE(org_, nullptr);
-        ASSERT_EQ(daemon_init(&d_, TROV_BIN), 0);
+        DaemonTest::SetUp();
+        if (!set_up()) return;
         port_ = pick_free_port(SOCK_DGRAM);
         ASSERT_GT(port_, 0);
     }
     void TearDown() override {
-        daemon_destroy(&d_);
         daemon_destroy(&d2_);
-        origin_destroy(org_);
+        DaemonTest::TearDown();
     }
     // A unicast agent, or one on group when it is given.
     void start(daemon_proc *d, const std::string &group = "", const std::string &lock_dir = "") {
@@ -70,8 +68,7 @@ class ItUdp : public ::testing::Test {
     }
     std::string data(const std::string &rel) { return d_.data_dir + "/" + rel; }
 
-    origin *org_ = nullptr;
-    daemon_proc d_{}, d2_{};  // d2_: a second agent when a test starts one
+    daemon_proc d2_{};  // a second agent when a test starts one
     int port_ = 0;
 };
 
