@@ -1,7 +1,9 @@
 // Fuzz target: the daemon's configuration loader on arbitrary file text. The
-// text is written to one temporary file that every run reuses; the loader's
-// own checks of interface names and directories run as they would at start.
-#include <fcntl.h>
+// text is written to one memory file that every run reuses (read back
+// through its /proc/self/fd path, so nothing is left on disk however the
+// fuzzer ends); the loader's own checks of interface names and directories
+// run as they would at start.
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -14,16 +16,9 @@
 
 namespace {
 
-char s_dir[64];
-char s_path[128];
+char s_path[64];
 int s_fd = -1;
 trov_cfg s_cfg;  // zeroed once, so the first init finds nothing to free
-
-void remove_scratch() {
-    if (s_fd >= 0) close(s_fd);
-    (void)unlink(s_path);
-    (void)rmdir(s_dir);
-}
 
 void put_text(const uint8_t *data, size_t size) {
     if (ftruncate(s_fd, 0) != 0 || (size > 0 && pwrite(s_fd, data, size, 0) != ssize_t(size))) {
@@ -36,18 +31,12 @@ void put_text(const uint8_t *data, size_t size) {
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     fuzz_quiet_log();
-    snprintf(s_dir, sizeof s_dir, "/tmp/trov-fuzz-cfg-XXXXXX");
-    if (mkdtemp(s_dir) == nullptr) {
-        perror("config: mkdtemp");
-        abort();
-    }
-    snprintf(s_path, sizeof s_path, "%s/trov.conf", s_dir);
-    s_fd = open(s_path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    s_fd = memfd_create("trov.conf", MFD_CLOEXEC);
     if (s_fd < 0) {
-        perror("config: open");
+        perror("config: memfd_create");
         abort();
     }
-    atexit(remove_scratch);
+    snprintf(s_path, sizeof s_path, "/proc/self/fd/%d", s_fd);
     return 0;
 }
 
