@@ -13,6 +13,7 @@
 #include <string>
 #include <tuple>
 
+#include "daemon.h"
 #include "log.h"
 #include "netops.h"
 #include "timeop.h"
@@ -23,9 +24,7 @@ class Cfg : public ::testing::Test {
    protected:
     void SetUp() override {
         glog_init("trv");
-        char tmpl[] = "/tmp/trov-cfg-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ASSERT_NE(dir_ = scratch_dir("cfg"), "");
         ASSERT_EQ(log_open_ex(g_log, (dir_ + "/test.log").c_str(), 1), 0);
         init_trov_config(&cfg_);
     }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon.h"
 #include "timeop.h"
 
 LOG_MODULE(0);
@@ -30,9 +31,7 @@ class Log : public ::testing::Test {
    protected:
     void SetUp() override {
         glog_init("tst");
-        char tmpl[] = "/tmp/trov-log-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ASSERT_NE(dir_ = scratch_dir("log"), "");
         path_ = dir_ + "/app.log";
         log_set_modules(g_log, LL_INFO);
         log_set_sections(g_log, LL_SECTION);

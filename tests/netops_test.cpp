@@ -19,6 +19,7 @@
 #include <string>
 #include <tuple>
 
+#include "daemon.h"
 #include "log.h"
 #include "netclient.h"
 
@@ -166,9 +167,9 @@ TEST_F(Netops, WildcardListenersServeTheirFamilies) {
 }
 
 TEST_F(Netops, DomainListenerReplacesAStaleSocketFile) {
-    char dir[] = "/tmp/trov-netops-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string path = std::string(dir) + "/ctl.sock", missing = std::string(dir) + "/no/ctl.sock";
+    const std::string dir = scratch_dir("netops");
+    ASSERT_NE(dir, "");
+    std::string path = dir + "/ctl.sock", missing = dir + "/no/ctl.sock";
     ASSERT_EQ(close(open_domain_listener(path.c_str())), 0);  // the file stays, nobody listens
     int lfd = open_domain_listener(path.c_str());
     EXPECT_TRUE(logged("is listening on [" + path + "]"));

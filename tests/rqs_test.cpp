@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon.h"
 #include "log.h"
 #include "timeop.h"
 #include "util.h"
@@ -209,9 +210,8 @@ TEST_F(Rqs, NoPollEntriesSpinWithoutWaitingAndGoOnlyAtThePurge) {
 }
 
 TEST_F(Rqs, FileWatchesReportChangeFlagsAndRegisterInotifyOnlyWhileWatching) {
-    char tmpl[] = "/tmp/trov-rqs-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string dir = tmpl, f[] = {dir + "/watched", dir + "/doomed", dir + "/moved"};
+    const std::string dir = scratch_dir("rqs"),
+                      f[] = {dir + "/watched", dir + "/doomed", dir + "/moved"};
     for (const auto &name : f) std::ofstream{name};
     int w[3];
     for (int i = 0; i < 3; ++i) ASSERT_GE(w[i] = rqs_add_file_watch(tag(i + 1), f[i].c_str()), 0);

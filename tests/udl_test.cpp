@@ -24,9 +24,7 @@ class Orders : public ::testing::Test {
    protected:
     void SetUp() override {
         glog_init("trv");
-        char tmpl[] = "/tmp/trov-orders-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ASSERT_NE(dir_ = scratch_dir("orders"), "");
         ASSERT_EQ(log_open_ex(g_log, (dir_ + "/test.log").c_str(), 1), 0);
         init_trov_config(&g_cfg);
         snprintf(g_cfg.data_dir, sizeof g_cfg.data_dir, "%s", dir_.c_str());

@@ -15,6 +15,7 @@
 #include <string>
 #include <tuple>
 
+#include "daemon.h"
 #include "log.h"
 #include "timeop.h"
 
@@ -44,9 +45,7 @@ int in_child(const std::function<int()> &fn) {
 class Util : public ::testing::Test {
    protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/utiltestXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ASSERT_NE(dir_ = scratch_dir("util"), "");
         log_timefmt(g_log, TMF_NOTIME);
         log_set_module_level(LOG_MOD_DEFAULT, LL_INFO);
         testing::internal::CaptureStderr();

@@ -72,8 +72,7 @@ std::string qstr(const std::string &s) { return "\"" + s + "\""; }  // paths nee
 }  // namespace
 
 int daemon_init(daemon_proc *d, const std::string &bin) {
-    char tmpl[] = "/tmp/trov-it-XXXXXX";  // short: the daemon's paths are limited to 127 bytes
-    std::string dir = mkdtemp(tmpl) != nullptr ? tmpl : "";
+    std::string dir = scratch_dir("it");  // short: the daemon's paths are limited to 127 bytes
     *d = daemon_proc{.bin = bin,
                      .dir = dir,
                      .data_dir = dir + "/data",
@@ -209,6 +208,11 @@ std::string daemon_read_file(const std::string &path) {
     std::stringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
+}
+
+std::string scratch_dir(const std::string &name) {
+    std::string tmpl = "/tmp/trov-" + name + "-XXXXXX";
+    return mkdtemp(tmpl.data()) != nullptr ? tmpl : "";
 }
 
 bool path_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }

@@ -76,6 +76,8 @@ size_t daemon_log_mark(const daemon_proc *d);
 // under dir, one a line (empty when there is none).
 std::string daemon_read_file(const std::string &path);
 bool path_exists(const std::string &path);
+// A fresh private directory /tmp/trov-<name>-XXXXXX; "" when none can be made.
+std::string scratch_dir(const std::string &name);
 std::string daemon_temp_files(const std::string &dir);
 
 // Sends sig to the child. 0, or -errno (-ESRCH when it is not running).
