@@ -83,8 +83,9 @@ void lbdb_destroy();
 // Copies the text of a string reply, or of the one string of a one-element
 // array reply, into buf and terminates it. A string of up to cap bytes fits,
 // its terminator at buf[cap]: pass one less than the buffer's size. The
-// string inside an array is copied unbounded; only short answers come that
-// way. 0; 34 too long; 22 wrong shape; -1 a status or error reply.
+// string inside an array is never refused for its length: a longer one is
+// cut to its first cap bytes. 0; 34 too long (a plain string only); 22 wrong
+// shape; -1 a status or error reply.
 [[nodiscard]] int reply_to_str(const redisReply *reply, char *buf, size_t cap);
 
 // Registers url for segment id until expiry (seconds of the epoch) with the

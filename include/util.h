@@ -16,10 +16,14 @@ extern volatile int g_usr1;
 extern volatile int g_tdbg;    // toggle debug logging at the next idle cycle
 extern volatile int g_sigctx;  // a handler is logging: no syslog, no rotation
 
-// Two-fork detach: setsid, cwd "/", umask 0, descriptors 0 and 1 closed (2
+// Two-fork detach: setsid, cwd "/", umask 0, descriptors 0 and 1 on /dev/null (2
 // stays open for the log). The parents _exit(0); the grandchild gets 0.
 // -1 on failure, in whichever process it happened.
 [[nodiscard]] int daemonize();
+// Points descriptor fd (0, 1 or 2) at /dev/null: a write to a standard
+// stream then goes nowhere, and no descriptor the process makes later can
+// be given that number. 0 or -1.
+[[nodiscard]] int std_fd_to_null(int fd);
 // Looks the user up and switches to its uid and gid. 0 or -1.
 [[nodiscard]] int run_as_user(const char *name);
 // setgid first, then setuid. 0 or -1.

@@ -57,10 +57,12 @@ struct rqs_context {
 // blocked and only let through inside the wait: a signal that came between
 // the loop's look at the quit flag and the wait would otherwise set the flag
 // with nobody left to see it until some descriptor happened to wake the loop.
+constexpr int LOOP_SIGNALS[] = {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1, SIGUSR2};
+
 sigset_t loop_signals() {
     sigset_t set;
     sigemptyset(&set);
-    for (int sig : {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1, SIGUSR2}) sigaddset(&set, sig);
+    for (int sig : LOOP_SIGNALS) sigaddset(&set, sig);
     return set;
 }
 
@@ -596,6 +598,21 @@ int rqs_rm_file_watch(int wd) {
     return wfd_map_rm(wd);
 }
 
+namespace {
+// Runs the handlers of the loop's signals that are waiting, if any: the
+// mask is opened only when something is pending, so a busy pass costs one
+// look at the pending set.
+void deliver_pending(const sigset_t &blocked) {
+    sigset_t pending;
+    if (sigpending(&pending) != 0) return;
+    bool any = false;
+    for (int sig : LOOP_SIGNALS) any = any || sigismember(&pending, sig) == 1;
+    if (!any) return;
+    sigprocmask(SIG_SETMASK, &s_rqs.wait_mask, nullptr);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+}
+}  // namespace
+
 int rqs_event_loop() {
     XASSERT(s_rqs.loopfd != 0);
     const rqs_callbacks &cb = s_cfg.cb;
@@ -626,12 +643,15 @@ int rqs_event_loop() {
                     break;
                 }
             }
+            // A wait that found descriptors ready returns at once without
+            // delivering the signals that are pending: let them in now, or a
+            // descriptor that stays ready would keep the loop deaf to them.
+            if (s_rqs.events.len > 0) deliver_pending(blocked);
             if (g_quit) break;
             if (cb.time_out != nullptr) cb.time_out();
         } else {
-            // No wait to let the signals through: open the window briefly.
-            sigprocmask(SIG_SETMASK, &s_rqs.wait_mask, nullptr);
-            sigprocmask(SIG_BLOCK, &blocked, nullptr);
+            // No wait to let the signals through.
+            deliver_pending(blocked);
             if (g_quit) break;
         }
         // Room for one removal per entry, so scheduling one from a callback

@@ -55,14 +55,22 @@ int daemonize() {
     // follow whatever the next open() puts there.
     if (fileno(log_fp(g_log)) < 3) log_default(g_log, stderr);
     // Descriptor 2 stays: the log may still write there until start-up has
-    // opened the log file.
-    (void)W_close(__func__, 0);
-    (void)W_close(__func__, 1);
+    // opened the log file. 0 and 1 are not just closed: the next open() would
+    // get them, and a stray write to standard output would land in that file.
+    if (std_fd_to_null(0) != 0 || std_fd_to_null(1) != 0) return -1;
 
     pid = W_fork(__func__);
     if (pid < 0) return -1;
     if (pid > 0) _exit(0);
     return 0;
+}
+
+int std_fd_to_null(int fd) {
+    int nfd = W_open(__func__, "/dev/null", O_RDWR, 0);
+    if (nfd < 0) return -1;
+    int rc = nfd == fd ? 0 : W_dup2(__func__, nfd, fd);
+    if (nfd != fd) (void)W_close(__func__, nfd);
+    return rc < 0 ? -1 : 0;
 }
 
 int run_as_user(const char *name) {

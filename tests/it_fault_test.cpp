@@ -19,6 +19,7 @@
 #include "daemon_test.h"
 #include "netclient.h"
 #include "origin.h"
+#include "strcat.h"
 
 // A configuration names only the keys a test changes; the rest keep their defaults.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
@@ -108,7 +109,7 @@ uint64_t soak_kind(int i, std::string *path) {
         "/status/404/", "/nolen/3000/", "/short/40000/1000/", "/reset/40000/", "/split/3000/",
         "/slow/8000/",  "/f/1500000/",  "/once/700/",         "/f/20000/",     "/f/20000/"};
     static const uint64_t size[] = {0, 0, 0, 0, 3000, 8000, 1500000, 700, 20000, 20000};
-    *path = prefix[i % 10] + ("k" + std::to_string(i));
+    *path = str_cat(prefix[i % 10], "k", std::to_string(i));
     return size[i % 10];
 }
 
@@ -117,7 +118,8 @@ TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) {
     const int per_round = (env != nullptr && atoi(env) > 0 ? atoi(env) : 600) / 2;
     start({.level = "info", .max_tasks = 4096, .max_mmap_mb = 1}, true);
     for (int i = 0; i < 20; ++i)
-        EXPECT_EQ(fetch("/f/2000/w" + std::to_string(i), "w" + std::to_string(i)), 200);
+        EXPECT_EQ(fetch(str_cat("/f/2000/w", std::to_string(i)), str_cat("w", std::to_string(i))),
+                  200);
     ASSERT_TRUE(logged("TASK-END", 20));
     ASSERT_TRUE(origin_wait_idle(org_, WAIT_MS));
     const int fds_before = daemon_fd_count(&d_);

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include "daemon.h"
 #include "daemon_test.h"
@@ -116,6 +117,27 @@ TEST_F(ItHttp, DaemonModeDetachesWritesThePidFileAndRemovesItOnExit) {
     EXPECT_EQ(daemon_read_file(d_.pid_path), std::to_string(pid));  // no newline
     EXPECT_EQ(daemon_count_log(&d_, "STARTING. PID=" + std::to_string(pid)), 1);
     EXPECT_EQ(net_exchange(d_.port, order("/"), WAIT_MS).status, 204);
+
+    // The standard descriptors lead nowhere, so what is written to them can
+    // never end up in a file the daemon writes (here: the relay's pipe).
+    const std::string fds = "/proc/" + std::to_string(pid) + "/fd/";
+    for (int fd = 0; fd <= 2; ++fd) {
+        char target[64] = {};
+        EXPECT_GT(readlink((fds + std::to_string(fd)).c_str(), target, sizeof target - 1), 0);
+        EXPECT_STREQ(target, "/dev/null") << "descriptor " << fd;
+    }
+    const uint64_t big = 9u << 20;  // above max_mmap_mb: through the relay
+    for (const char *name : {"relay1", "relay2"}) {
+        const std::string dst = std::string(name) + ".ts";
+        EXPECT_EQ(fetch("/f/" + std::to_string(big) + "/" + name, dst).status, 200);
+        const std::string line = "downloaded: " + std::to_string(big) + " bytes";
+        ASSERT_TRUE(
+            wait_until(WAIT_MS, [&] { return daemon_count_log(&d_, line) == name[5] - '0'; }));
+        EXPECT_EQ(origin_expect_file(data(dst), name, big), "") << name;
+        for (int fd = 1; fd <= 2; ++fd) {  // a stray message, as a library might write one
+            std::ofstream(fds + std::to_string(fd)) << "stray message on descriptor " << fd;
+        }
+    }
     ASSERT_EQ(kill(pid, SIGTERM), 0);
     EXPECT_TRUE(wait_until(
         WAIT_MS, [&] { return daemon_count_log(&d_, "EXIT(0). PID=" + std::to_string(pid)) > 0; }));
@@ -138,6 +160,8 @@ TEST_F(ItHttp, CommandLineRefusalsExitWithOneAndSayWhy) {
         {{"-h"}, "Usage: trv PARAMETERS [OPTIONS]\n\nParameters:\n"},
         {{"-V"}, "trv (Download manager) 0.2-0.15 tellurix regular ["},
         {{"-C", conf, "-T", "-x"}, "Unknown option: x\n"},
+        {{"-C", conf, "-T", "--bogus"}, "Unknown option: --bogus\n"},
+        {{"-C", conf, "--bogus=1", "-T"}, "Unknown option: --bogus\n"},
         {{"-C", conf, "-T", "-l", long128}, "Log path is too long (128 bytes), max=128 bytes.\n"},
         {{"-C", conf, "-T", "-p", long128},
          "Pidfile path is too long (128 bytes), max=128 bytes.\n"},
@@ -156,6 +180,8 @@ TEST_F(ItHttp, CommandLineRefusalsExitWithOneAndSayWhy) {
                                 : daemon_run(TROV_BIN, c.args, WAIT_MS, nullptr, &err);
         EXPECT_EQ(rc, 1);
         EXPECT_NE(err.find(c.says), NPOS) << err;
+        // An unknown option is one line, not the guide.
+        if (std::string_view(c.says).starts_with("Unknown")) EXPECT_EQ(err, c.says);
     }
     // A 127-byte path and a negative CPU are accepted.
     std::string long127 = "/tmp/" + std::string(122, 'p');

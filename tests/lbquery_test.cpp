@@ -15,13 +15,14 @@
 #include <vector>
 
 #include "log.h"
+#include "strcat.h"
 
 namespace {
 
 using strings = std::vector<std::string>;
 
 std::string bulk(const std::string &s) {
-    return "$" + std::to_string(s.size()) + "\r\n" + s + "\r\n";
+    return str_cat("$", std::to_string(s.size()), "\r\n", s, "\r\n");
 }
 
 // Accepts one connection, records each request's arguments joined by blanks, answers it with
@@ -37,7 +38,8 @@ void run_peer(int lfd, strings replies, strings *got) {
             auto *r = static_cast<redisReply *>(req);
             got->emplace_back();
             for (size_t i = 0; i < r->elements; ++i)
-                got->back() += (i ? " " : "") + std::string(r->element[i]->str, r->element[i]->len);
+                got->back() +=
+                    str_cat(i ? " " : "", std::string_view(r->element[i]->str, r->element[i]->len));
             freeReplyObject(r);
             const std::string &out = replies[next++];
             if (write(fd, out.data(), out.size()) < 0) break;

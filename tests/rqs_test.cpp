@@ -16,6 +16,7 @@
 
 #include "daemon.h"
 #include "log.h"
+#include "strcat.h"
 #include "timeop.h"
 #include "util.h"
 
@@ -40,9 +41,10 @@ int hook(char what, void *ud) { return s_rec.hook != nullptr ? s_rec.hook(what, 
 int on_fd(char what, int fd, int flags, void *ud, void *aux) {
     const auto n = reinterpret_cast<uintptr_t>(ud);
     EXPECT_TRUE(aux == nullptr && (n >= 0x1000 || n == uintptr_t(fd)));
-    std::string tok = what + (n >= 0x1000 ? std::to_string(n - 0x1000) : "#" + std::to_string(fd));
-    tok += std::string(flags & RQS_FL_ERR ? ":e" : "") + (flags & RQS_FL_HUP ? ":h" : "");
-    note(tok + (rqs_ctx(1) != 1 ? "@" + std::to_string(rqs_ctx(1)) : ""));
+    std::string tok(1, what);
+    tok += n >= 0x1000 ? std::to_string(n - 0x1000) : str_cat("#", std::to_string(fd));
+    tok += str_cat(flags & RQS_FL_ERR ? ":e" : "", flags & RQS_FL_HUP ? ":h" : "");
+    note(str_cat(tok, rqs_ctx(1) != 1 ? str_cat("@", std::to_string(rqs_ctx(1))) : ""));
     return (n >= 0x1000 ? s_rec.result[n - 0x1000] : 0) | (what == 'r' ? hook('r', ud) : 0);
 }
 
@@ -53,14 +55,14 @@ int cb_idle() {
     return s_rec.idle_rc | hook('i', nullptr);
 }
 int cb_pp() {
-    note("p" + std::to_string(rqs_ctx(1)));
+    note(str_cat("p", std::to_string(rqs_ctx(1))));
     if (s_rec.trace.size() > 20000) g_quit = 1;  // bounds a loop that would never end
     return s_rec.pp_rc;
 }
 void cb_file(int, int fl, void *ud, void *) {
-    note("F" + std::to_string(reinterpret_cast<uintptr_t>(ud) - 0x1000) + ":" +
-         (fl & RQS_FCHG_ATTRIB ? "a" : "") + (fl & RQS_FCHG_GONE ? "g" : "") +
-         (fl & RQS_FCHG_MOVED ? "m" : "") + (fl & RQS_FCHG_DELETED ? "d" : ""));
+    note(str_cat("F", std::to_string(reinterpret_cast<uintptr_t>(ud) - 0x1000), ":",
+                 fl & RQS_FCHG_ATTRIB ? "a" : "", fl & RQS_FCHG_GONE ? "g" : "",
+                 fl & RQS_FCHG_MOVED ? "m" : "", fl & RQS_FCHG_DELETED ? "d" : ""));
 }
 
 const rqs_config s_cfg{
@@ -180,6 +182,38 @@ TEST_F(Rqs, QuitSignalJustBeforeTheWaitIsNotLost) {
     sigset_t now;  // the loop leaves the signal mask as it found it
     sigprocmask(SIG_BLOCK, nullptr, &now);
     EXPECT_FALSE(sigismember(&now, SIGTERM));
+}
+
+// A descriptor that never stops being ready means no wait ever blocks, so the signals never get
+// the wait's window: they must still be run at the start of the next pass. SIGUSR2 raised on
+// the third read is seen by the fourth pass's idle work; SIGTERM on the fifth ends the loop.
+TEST_F(Rqs, SignalsReachABusyLoopWhoseDescriptorStaysReady) {
+    s_rec.tmout = {-1, 0};
+    s_rec.quit_after = 0;
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    ASSERT_EQ(write(keep(p[1]), "x", 1), 1);  // never read: ready for ever
+    ASSERT_EQ(rqs_add_reader(keep(p[0]), tag(1)), 0);
+    static int reads, tdbg_seen_at;
+    reads = 0, tdbg_seen_at = 0;
+    s_rec.hook = [](char what, void *) {
+        if (what == 'r' && ++reads == 3) raise(SIGUSR2);
+        if (what == 'r' && reads == 5) raise(SIGTERM);
+        if (what == 'i' && g_tdbg != 0 && tdbg_seen_at == 0) tdbg_seen_at = reads;
+        return 0;
+    };
+    ASSERT_EQ(handle_sig(SIGUSR2, on_tdbg) | handle_quit_signals(on_sigquit), 0);
+    alarm(5);  // a signal that is never let in would spin for ever: the alarm ends it
+    EXPECT_EQ(run(), 0);
+    alarm(0);
+    for (int sig : {SIGTERM, SIGQUIT, SIGINT, SIGUSR2, SIGCHLD, SIGHUP, SIGUSR1})
+        signal(sig, SIG_DFL);
+    EXPECT_EQ(tdbg_seen_at, 4);
+    EXPECT_EQ(reads, 5);  // the quit ends the loop before the next dispatch
+    EXPECT_EQ(g_goodbye, 1);
+    g_tdbg = 0;
+    g_goodbye = 0;
+    EXPECT_TRUE(logged("Exiting event loop, 0 failed, rc=0, quit=1\n")) << s_rec.log;
 }
 
 // Entry 1 schedules its own removal on its second call, the second idle work

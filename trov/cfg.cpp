@@ -16,6 +16,9 @@ LOG_MODULE(0);
 trov_cfg g_cfg;
 
 namespace {
+// Connections accepted per readiness of a web listener, unless configured.
+constexpr int DEFAULT_MAX_ACCEPT = 64;
+
 int lookup_int(const char *path, int def) {
     int v = 0;
     return config_lookup_int(g_lcfg, path, &v) == CONFIG_TRUE ? v : def;
@@ -64,7 +67,7 @@ int load_first_group(trov_cfg *cfg) {
             LOG_ERR("%s: failed to load web listener(s)\n", "load_config");
             return -1;
         }
-        cfg->rui.max_accept = size_t(lookup_int("trov.web_input.max_accept", 64));
+        cfg->rui.max_accept = size_t(lookup_int("trov.web_input.max_accept", DEFAULT_MAX_ACCEPT));
         cfg->rui.user_request_tmout = 1000;
     }
     if (config_setting_t *lb = config_lookup(g_lcfg, "trov.lbdb"); lb != nullptr) {
@@ -213,6 +216,10 @@ int add_web_cli(trov_cfg *cfg, const char *text, int family) {
     snprintf(lc->port, sizeof lc->port, "%.5s", port);
     lc->kind = WEB_TAG;
     lc->is_valid = true;
+    // Without a web_input section nothing set how many connections a
+    // listener takes per wake-up, and a listener that takes none stays
+    // ready for ever.
+    if (cfg->rui.max_accept == 0) cfg->rui.max_accept = DEFAULT_MAX_ACCEPT;
     free(dup);
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "app.h"
 #include "cfg.h"
@@ -67,6 +68,16 @@ int next_opt(int argc, char **argv) {
     return getopt_long(argc, argv, OPTS, LONG_OPTS, nullptr);
 }
 
+// The unknown long option getopt has just passed over ("--bogus" of
+// "--bogus=1"), or an empty view when the '?' it returned was something else.
+// getopt leaves optopt at 0 for these, as for "-?".
+std::string_view unknown_long_opt(int argc, char **argv) {
+    if (optopt != 0 || optind < 1 || optind > argc) return {};
+    std::string_view word = argv[optind - 1];
+    if (!word.starts_with("--") || word.size() == 2) return {};
+    return word.substr(0, word.find('='));
+}
+
 int copy_path_arg(char *dst, const char *arg, const char *what) {
     size_t n = strlen(arg);
     if (n >= 128) {
@@ -77,7 +88,7 @@ int copy_path_arg(char *dst, const char *arg, const char *what) {
     return 0;
 }
 
-int second_pass_opt(int c, trov_cfg &cfg) {
+int second_pass_opt(int c, trov_cfg &cfg, std::string_view long_word) {
     switch (c) {
         case '0':
         case '4':
@@ -121,7 +132,10 @@ int second_pass_opt(int c, trov_cfg &cfg) {
         case 'W':
             return add_web_cli(&cfg, optarg, AF_INET6);
         default:
-            fprintf(stderr, "Unknown option: %c\n", c == '?' && optopt != 0 ? optopt : c);
+            if (!long_word.empty())
+                fprintf(stderr, "Unknown option: %.*s\n", int(long_word.size()), long_word.data());
+            else
+                fprintf(stderr, "Unknown option: %c\n", c == '?' && optopt != 0 ? optopt : c);
             return -1;
     }
 }
@@ -173,7 +187,10 @@ int runtime_steps() {
         LOG_DBG("%s: log config applied\n", "runtime_setup");
     }
     if (!rt.non_daemon) {
-        (void)close(2);
+        // Nothing may reach the terminal any more, and nothing the daemon
+        // opens later may become descriptor 2: a stray message on standard
+        // error would go into that file or pipe.
+        if (int rc = std_fd_to_null(2); rc != 0) return rc;
         if (rt.pidfile[0] != '\0') {
             if (int rc = create_pidfile_extra(rt.pidfile, getpid(), nullptr, 0); rc != 0) return rc;
         }
@@ -261,7 +278,7 @@ int setup_config(int argc, char **argv) {
             case 'h':
                 usage(1);
             case '?':
-                if (optopt == 0) usage(1);
+                if (optopt == 0 && unknown_long_opt(argc, argv).empty()) usage(1);
                 break;  // an unknown option: reported by the second pass
             case 'C':
                 path = optarg;
@@ -286,7 +303,8 @@ int setup_config(int argc, char **argv) {
     if (geteuid() != 0) cfg.rt.non_daemon = true;
 
     int rc = 0;
-    for (int c; rc == 0 && (c = next_opt(argc, argv)) != -1;) rc = second_pass_opt(c, cfg);
+    for (int c; rc == 0 && (c = next_opt(argc, argv)) != -1;)
+        rc = second_pass_opt(c, cfg, c == '?' ? unknown_long_opt(argc, argv) : std::string_view{});
     if (rc == 0) rc = validate_config(&cfg);
     if (rc != 0) exit(1);
     // The configured level is the threshold of every module from here on;
@@ -453,7 +471,7 @@ int on_write(int, int err, void *udata, void *aux) {
 
 int on_error(int, int err, void *udata, void *) {
     n32_tag tag = *static_cast<const n32_tag *>(udata);
-    bool hup = (err & RQS_FL_HUP) != 0;
+    bool hup = err == RQS_FL_HUP;  // a hang-up with an error bit is an error
     LOG_DBG("%s: %s [%s] (%p) err=%d\n", __func__, event_word(err), tag.str, udata, err);
     LOG_INF("%s: %s (%p), err=0x%04x %s\n", __func__, tag.str, udata, unsigned(err),
             hup ? "HUP" : "-");
