@@ -23,6 +23,9 @@ struct tmout_registry {
 constexpr int TMOUT_KEY_URQ = 1;
 // Key of the download tasks, held only while stalled tasks are swept.
 constexpr int TMOUT_KEY_TASK = 2;
+// Key of the UDP order channel, held while a count of dropped datagrams waits
+// to be reported.
+constexpr int TMOUT_KEY_UDL = 3;
 
 void reg_init_timeout(tmout_registry *reg);
 // Takes a lock on key; the first locker's period stands until the key is free.

@@ -181,7 +181,9 @@ TEST_F(ItHttp, CommandLineRefusalsExitWithOneAndSayWhy) {
         EXPECT_EQ(rc, 1);
         EXPECT_NE(err.find(c.says), NPOS) << err;
         // An unknown option is one line, not the guide.
-        if (std::string_view(c.says).starts_with("Unknown")) EXPECT_EQ(err, c.says);
+        if (std::string_view(c.says).starts_with("Unknown")) {
+            EXPECT_EQ(err, c.says);
+        }
     }
     // A 127-byte path and a negative CPU are accepted.
     std::string long127 = "/tmp/" + std::string(122, 'p');

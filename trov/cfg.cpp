@@ -9,6 +9,7 @@
 #include "config.h"
 #include "netops.h"
 #include "strops.h"
+#include "udl.h"
 #include "util.h"
 
 LOG_MODULE(0);
@@ -40,6 +41,14 @@ int load_udp_input(const config_setting_t *sec, udp_lstn_cfg *u) {
     u->is_gzipped = lookup_bool(sec, "is_gzipped", true);
     if (int rc = load_interface_name("trov.udp_input.mcast_ifc", u->mifc, sizeof u->mifc); rc != 0)
         return rc;
+    int kb = UDL_DEFAULT_RCVBUF_KB;
+    (void)config_setting_lookup_int(sec, "rcvbuf_kb", &kb);
+    if (kb < 0 || kb > UDL_MAX_RCVBUF_KB) {
+        LOG_ERR("%s: rcvbuf_kb must be 0 to %d KiB, not %d\n", "load_config", UDL_MAX_RCVBUF_KB,
+                kb);
+        return -1;
+    }
+    u->rcvbuf_kb = kb;
     u->must_lock = lookup_bool(sec, "must_lock", true);
     if (u->must_lock)
         return load_config_setting_str(sec, "lock_dir", u->lkdir, sizeof u->lkdir, "/tmp");
@@ -117,6 +126,7 @@ int init_trov_config(trov_cfg *cfg) {
     cfg->rt.cpunum = 0;
     cfg->max_tasks = 0;
     cfg->task_tmout_ms = 5000;
+    cfg->udp_cha.rcvbuf_kb = UDL_DEFAULT_RCVBUF_KB;
     snprintf(cfg->data_dir, sizeof cfg->data_dir, "/tmp");
     return 0;
 }

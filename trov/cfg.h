@@ -15,6 +15,7 @@ struct udp_lstn_cfg {
     bool is_gzipped;  // declared datagram format, only reported
     bool must_lock;   // take a lock file per order identifier
     char lkdir[128];  // lock directory
+    int rcvbuf_kb;    // socket receive buffer asked for; 0 = the system's default
 };
 
 struct trov_cfg {

@@ -505,6 +505,7 @@ int do_idle_tasks() {
         (void)time_out_all();
     else
         (void)time_out_requests();
+    udl_report_drops(&g_ctx.udl, false);
     if (g_tdbg) {
         if (!s_debug_mode) {
             log_push_mlevels();

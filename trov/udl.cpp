@@ -2,6 +2,7 @@
 #include "udl.h"
 
 #include <fcntl.h>
+#include <linux/sock_diag.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +18,8 @@
 #include "rqs.h"
 #include "strops.h"
 #include "syswrap.h"
+#include "timeop.h"
+#include "tmout.h"
 
 LOG_MODULE(0);
 
@@ -24,6 +27,53 @@ namespace {
 constexpr size_t LOCK_PATH_SIZE = 128;
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
+
+// Asks for the configured receive buffer (past the system's cap when the
+// process may) and for the kernel's drop count on every datagram; logs the
+// size obtained. Neither failing stops the channel: it only loses the margin
+// or the count.
+void size_rcvbuf(int fd, int kb) {
+    if (kb > 0) {
+        const int bytes = kb * 1024;
+        if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0 &&
+            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) != 0) {
+            int err = errno;
+            LOG_WRN("%s: setsockopt(fd%d, SO_RCVBUF, %d) ERROR(%d): %s\n", "udl_ctx_init", fd,
+                    bytes, err, strerror(err));
+        }
+    }
+    int got = 0;
+    socklen_t len = sizeof got;
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &got, &len) == 0)
+        LOG_INF("%s: receive buffer %d KiB\n", "udl_ctx_init", got / 1024);
+    const int on = 1;
+    if (setsockopt(fd, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on) != 0) {
+        int err = errno;
+        LOG_WRN("%s: setsockopt(fd%d, SO_RXQ_OVFL) ERROR(%d): %s\n", "udl_ctx_init", fd, err,
+                strerror(err));
+    }
+}
+
+// Moves the channel's view of the kernel's drop count (a 32-bit counter that
+// wraps) forward to total; a total older than what was seen is ignored.
+void merge_drops(udl_ctx *udl, uint32_t total) {
+    const uint32_t lost = total - udl->kdrops;
+    if (lost == 0 || lost > UINT32_MAX / 2) return;
+    udl->kdrops = total;
+    udl->drops += lost;
+    udl->drops_unsaid += lost;
+}
+
+// Every datagram queued after a drop carries the socket's drop count.
+void count_drops(udl_ctx *udl, msghdr *mh) {
+    for (cmsghdr *c = CMSG_FIRSTHDR(mh); c != nullptr; c = CMSG_NXTHDR(mh, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SO_RXQ_OVFL) continue;
+        uint32_t total = 0;
+        memcpy(&total, CMSG_DATA(c), sizeof total);
+        merge_drops(udl, total);
+        return;
+    }
+}
 
 // "<lock_dir>/<lid>.lock"; the length formatted (a path cut by the bound is
 // not detected: identifiers are short next to the lock directory).
@@ -45,9 +95,14 @@ int udl_ctx_init(const udp_lstn_cfg *cfg, udl_ctx *udl) {
         LOG_ERR("%s: failed to open [%s]\n", __func__, cfg->url);
         return -1;
     }
+    size_rcvbuf(fd, cfg->rcvbuf_kb);
     udl->sockfd = fd;
     udl->tag = UDL_TAG;
     udl->is_ready = true;
+    udl->kdrops = 0;
+    udl->drops = udl->drops_unsaid = 0;
+    udl->drop_said = rqs_now();
+    udl->drop_watch = false;
     LOG_INF("%s: fd%d set up to listen on [%s]\n", __func__, fd, cfg->url);
     return 0;
 }
@@ -62,8 +117,30 @@ int udl_ctx_start(udl_ctx *udl) {
     return rc;
 }
 
+void udl_report_drops(udl_ctx *udl, bool force) {
+    if (!udl->is_ready || !udl->drop_watch) return;
+    const timespec now = rqs_now();
+    if (!force && diff_ms(&now, &udl->drop_said) < UDL_DROP_REPORT_MS) return;
+    // Datagrams dropped after the last one queued are told by no datagram:
+    // the socket's own count has them.
+    uint32_t mem[SK_MEMINFO_VARS] = {};
+    socklen_t len = sizeof mem;
+    if (getsockopt(udl->sockfd, SOL_SOCKET, SO_MEMINFO, mem, &len) == 0 &&
+        len > SK_MEMINFO_DROPS * sizeof *mem)
+        merge_drops(udl, mem[SK_MEMINFO_DROPS]);
+    if (udl->drops_unsaid > 0)
+        LOG_WRN("%s: %u order datagrams dropped (receive buffer full)\n", __func__,
+                unsigned(udl->drops_unsaid));
+    udl->drops_unsaid = 0;
+    udl->drop_said = now;
+    rm_timeout(TMOUT_KEY_UDL);
+    udl->drop_watch = false;
+}
+
 void udl_ctx_destroy(udl_ctx *udl) {
     if (!udl->is_ready) return;
+    // Whatever the channel lost is said before it goes.
+    udl_report_drops(udl, true);
     int fd = udl->sockfd >= 1 ? udl->sockfd : -1;
     if (udl->sockfd >= 1) {
         usock_close(udl->sockfd, &udl->usock);
@@ -138,7 +215,22 @@ int udl_accept(udl_ctx *udl) {
     dw_spec spec{};
     int rc = 0;
     do {
-        ssize_t n = recv(udl->sockfd, buf, UDL_RECV_SIZE, MSG_DONTWAIT);
+        iovec iov{.iov_base = buf, .iov_len = UDL_RECV_SIZE};
+        alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(uint32_t))];
+        msghdr mh{};
+        mh.msg_iov = &iov;
+        mh.msg_iovlen = 1;
+        mh.msg_control = ctl;
+        mh.msg_controllen = sizeof ctl;
+        ssize_t n = recvmsg(udl->sockfd, &mh, MSG_DONTWAIT);
+        if (n >= 0) {
+            count_drops(udl, &mh);
+            // A look at the socket's drop count is due within a report period.
+            if (!udl->drop_watch) {
+                set_timeout(TMOUT_KEY_UDL, UDL_DROP_REPORT_MS);
+                udl->drop_watch = true;
+            }
+        }
         if (n < 0) {
             int err = errno;
             LOG_ERR("%s: recv(fd%d, .., %zu,..) ERROR(%d): %s\n", __func__, udl->sockfd,

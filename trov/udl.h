@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 
 #include "tags.h"
@@ -24,6 +25,11 @@ constexpr size_t UDL_MIN_LID = 4;
 constexpr size_t UDL_MAX_LID = 31;
 constexpr size_t UDL_MIN_URL = 16;
 constexpr long UDL_STALE_SEC = 30;  // a lock older than this was left by a dead agent
+// The channel's socket receive buffer: orders come in bursts (a segment is
+// published on every channel at once), and what does not fit is lost.
+constexpr int UDL_DEFAULT_RCVBUF_KB = 8192;
+constexpr int UDL_MAX_RCVBUF_KB = 1 << 20;  // the kernel doubles it into an int
+constexpr long UDL_DROP_REPORT_MS = 1000;   // drop warnings at most this often
 
 // The channel as the engine holds it; registered with the reactor.
 struct udl_ctx {
@@ -31,6 +37,11 @@ struct udl_ctx {
     bool is_ready;
     int sockfd;
     usock_ctx usock;
+    uint32_t kdrops;        // the kernel's drop count of the socket, as last seen
+    uint64_t drops;         // datagrams dropped since the channel opened
+    uint64_t drops_unsaid;  // of those, not yet reported
+    timespec drop_said;     // loop time of the last look at the drop count
+    bool drop_watch;        // datagrams came since: a look is due (holds TMOUT_KEY_UDL)
 };
 
 // Opens the channel's socket; an empty URL leaves the channel off (0).
@@ -40,6 +51,11 @@ struct udl_ctx {
 void udl_ctx_destroy(udl_ctx *udl);
 // Reads and handles exactly one datagram. Always 0.
 int udl_accept(udl_ctx *udl);
+// Reports at warning the datagrams the kernel dropped since the last report,
+// if any. Looks at most once per UDL_DROP_REPORT_MS (force: now), and only
+// when datagrams came since the last look; while one is due, the channel
+// keeps the loop from sleeping past it. Called from the idle step.
+void udl_report_drops(udl_ctx *udl, bool force);
 
 // Splits "<lid> <url> <expiry> [rest]" in place. 0 or -1. A datagram with no
 // expiry at all ends the process (senders must always give one).

@@ -108,8 +108,8 @@ std::string daemon_render_config(daemon_proc *d, const daemon_conf &c) {
         t += "  udp_input: { url = " + qstr(c.udp_url) +
              "; is_gzipped = false; must_lock = " + (c.udp_must_lock ? "true" : "false") +
              "; lock_dir = " + qstr(c.udp_lock_dir.empty() ? d->lock_dir : c.udp_lock_dir) + ";" +
-             (c.udp_mcast_ifc.empty() ? "" : " mcast_ifc = " + qstr(c.udp_mcast_ifc) + ";") +
-             " };\n";
+             (c.udp_mcast_ifc.empty() ? "" : " mcast_ifc = " + qstr(c.udp_mcast_ifc) + ";") + " " +
+             c.udp_extra + " };\n";
     if (c.lbdb_port != 0)
         t += "  lbdb: { host = \"127.0.0.1\"; port = " + std::to_string(c.lbdb_port) +
              "; connect_tmout_ms = 500; sha1_dir = " + qstr(c.lbdb_sha1_dir) + "; };\n";

@@ -18,6 +18,7 @@ struct daemon_conf {
     std::string udp_mcast_ifc;  // empty = key left out
     bool udp_must_lock = true;
     std::string udp_lock_dir;  // empty = the runner's lock directory
+    std::string udp_extra;     // raw text placed inside udp_input, last
     int lbdb_port = 0;         // 0 leaves the load-balancer DB out
     std::string lbdb_sha1_dir;
     std::string data_dir;          // empty = the runner's data directory
