@@ -24,6 +24,8 @@ struct lbdb_ctx {
     char del_sha1[LBDB_SHA_SIZE];
     char next_sha1[LBDB_SHA_SIZE];
     char mbget_sha1[LBDB_SHA_SIZE];
+    char claim_sha1[LBDB_SHA_SIZE];
+    char release_sha1[LBDB_SHA_SIZE];
     int32_t need_func;  // LBDB_FN_* bits
     char call_opt[64];  // option text passed to the get scripts
 };
@@ -41,7 +43,10 @@ constexpr script_entry k_scripts[] = {
     {.bit = LBDB_FN_DEL, .file = "del_url.sha1", .sha = &lbdb_ctx::del_sha1},
     {.bit = LBDB_FN_NEXT, .file = "next_url.sha1", .sha = &lbdb_ctx::next_sha1},
     {.bit = LBDB_FN_MBGET, .file = "mbget_url.sha1", .sha = &lbdb_ctx::mbget_sha1},
+    {.bit = LBDB_FN_CLAIM, .file = "claim_order.sha1", .sha = &lbdb_ctx::claim_sha1},
+    {.bit = LBDB_FN_CLAIM, .file = "release_order.sha1", .sha = &lbdb_ctx::release_sha1},
 };
+constexpr std::string_view k_claim_pfx = "trov:claim:";  // the key of an order's claim
 
 constexpr size_t k_script_path_size = 255;  // "<sha1_dir>/<file>" with its terminator
 constexpr size_t k_sha_min_line = 39;       // digest line lengths, newline included
@@ -351,6 +356,64 @@ int lbdb_add_segurl(const char *id, const char *url, time_t expiry) {
     }
     LOG_DBG("%s: result=[%s]\n", __func__, s_reply);
     return 0;
+}
+
+// Runs one order script on the claim key of id; the reply (owned by the
+// caller), or null with the reason in why.
+static redisReply *order_script(const char *sha, const char *id, const char *claimant, long ttl_ms,
+                                char *why, size_t cap) {
+    if (s_ctx.redis == nullptr || s_ctx.redis->err != 0) {
+        snprintf(why, cap, "%s", s_ctx.redis == nullptr ? "not connected" : s_ctx.redis->errstr);
+        return nullptr;
+    }
+    void *r = ttl_ms > 0 ? redisCommand(s_ctx.redis, "evalsha %s 1 %s%s %s %ld", sha,
+                                        k_claim_pfx.data(), id, claimant, ttl_ms)
+                         : redisCommand(s_ctx.redis, "evalsha %s 1 %s%s %s", sha,
+                                        k_claim_pfx.data(), id, claimant);
+    if (r == nullptr) snprintf(why, cap, "no reply: %s", s_ctx.redis->errstr);
+    return static_cast<redisReply *>(r);
+}
+
+// 1 or 0 from an order script's integer answer; -1 with the reason in why.
+static int order_answer(const redisReply *r, char *why, size_t cap) {
+    if (r->type == REDIS_REPLY_INTEGER && (r->integer == 0 || r->integer == 1))
+        return static_cast<int>(r->integer);
+    if (r->type == REDIS_REPLY_ERROR)
+        snprintf(why, cap, "%s", r->str);
+    else
+        snprintf(why, cap, "unexpected reply type %d", r->type);
+    return -1;
+}
+
+int lbdb_claim_order(const char *id, const char *claimant, long ttl_ms, char *why, size_t cap) {
+    XASSERT((s_ctx.need_func & LBDB_FN_CLAIM) != 0);
+    XASSERT(id != nullptr && claimant != nullptr && why != nullptr && cap > 0);
+    why[0] = '\0';
+    LOG_DBG("evalsha %s 1 %s%s %s %ld\n", s_ctx.claim_sha1, k_claim_pfx.data(), id, claimant,
+            ttl_ms);
+    redisReply *r = order_script(s_ctx.claim_sha1, id, claimant, ttl_ms, why, cap);
+    if (r == nullptr) return -1;
+    scope_exit free_reply{[r] { freeReplyObject(r); }};
+    int won = order_answer(r, why, cap);
+    return won < 0 ? -1 : (won == 1 ? 0 : 16);
+}
+
+int lbdb_release_order(const char *id, const char *claimant) {
+    XASSERT((s_ctx.need_func & LBDB_FN_CLAIM) != 0);
+    XASSERT(id != nullptr && claimant != nullptr);
+    char why[128] = {};
+    LOG_DBG("evalsha %s 1 %s%s %s\n", s_ctx.release_sha1, k_claim_pfx.data(), id, claimant);
+    redisReply *r = order_script(s_ctx.release_sha1, id, claimant, 0, why, sizeof why);
+    int rc = -1;
+    if (r != nullptr) {
+        rc = order_answer(r, why, sizeof why);
+        freeReplyObject(r);
+    }
+    if (rc < 0) {
+        LOG_WRN("%s: [%s] release failed (%s)\n", __func__, id, why);
+        return -1;
+    }
+    return rc == 1 ? 0 : 2;
 }
 
 int lbdb_del_segurl(const char *id, const char *url) {

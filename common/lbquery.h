@@ -24,6 +24,7 @@ constexpr int LBDB_FN_NEXT = 1;
 constexpr int LBDB_FN_ADD = 2;
 constexpr int LBDB_FN_DEL = 4;
 constexpr int LBDB_FN_MBGET = 8;
+constexpr int LBDB_FN_CLAIM = 16;  // the order claim and release scripts, together
 
 // lbdb_init opts bits. LBDB_OPT_STAY passes "-S" to the get scripts, which
 // then answer without moving the segment's round-robin cursor.
@@ -93,6 +94,19 @@ void lbdb_destroy();
 // the script answered "OK <id>"; -1 for no reply (a lost connection), another
 // identifier or a failure text; or reply_to_str's code.
 [[nodiscard]] int lbdb_add_segurl(const char *id, const char *url, time_t expiry);
+
+// Claims order id for claimant with the claim script, for ttl_ms unless
+// released. Needs LBDB_FN_CLAIM (fatal assertion). 0 when the claim is ours;
+// 16 when another claimant holds it; -1 when no claim could be made (not
+// connected, no reply, an error reply such as a script the server lost, an
+// answer of another shape), with the reason in why (cap bytes, cut to fit).
+[[nodiscard]] int lbdb_claim_order(const char *id, const char *claimant, long ttl_ms, char *why,
+                                   size_t cap);
+
+// Gives order id's claim back, if claimant still holds it. Needs
+// LBDB_FN_CLAIM. 0 released; 2 not held by claimant (expired, or another's);
+// -1 no answer or an error, logged.
+int lbdb_release_order(const char *id, const char *claimant);
 
 // Removes url from segment id with the delete script. Needs LBDB_FN_DEL and a
 // connection. 0 when the answer begins with "OK ", -1 for no reply or a

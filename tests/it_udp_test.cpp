@@ -1,8 +1,6 @@
 // End to end over the UDP order channel: real datagrams to the real daemon,
 // unicast, and to two agents sharing a multicast group of the loopback.
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utime.h>
@@ -18,20 +16,6 @@
 namespace {
 
 constexpr int WAIT_MS = 10000;
-
-// Multicast on lo needs the interface's MULTICAST flag; root may set it.
-bool lo_multicast_ready() {
-    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq ifr{};
-    snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "lo");
-    bool ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
-    if (ok && (ifr.ifr_flags & IFF_MULTICAST) == 0) {  // root may set it
-        ifr.ifr_flags |= IFF_MULTICAST;
-        ok = ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-    }
-    close(s);
-    return ok;
-}
 
 class ItUdp : public DaemonTest {
    protected:
@@ -146,7 +130,7 @@ TEST_F(ItUdp, LockFileHeldWhileTheTaskLivesRepeatsSkippedStaleLocksExpired) {
 }
 
 TEST_F(ItUdp, TwoAgentsOnAMulticastGroupOfTheLoopbackFetchEachOrderOnce) {
-    if (!lo_multicast_ready()) GTEST_SKIP() << "lo has no MULTICAST flag and it cannot be set";
+    if (!net_lo_multicast_ready()) GTEST_SKIP() << "lo has no MULTICAST flag and it cannot be set";
     daemon_proc &d2 = d2_;
     ASSERT_EQ(daemon_init(&d2, TROV_BIN), 0);
     start(&d_, "239.7.7.8", d_.lock_dir);

@@ -180,7 +180,8 @@ int init_trov_ctx() {
         if ((rc = skht_create(&g_ctx.task_ht, g_cfg.max_tasks, plHash, nullptr, 0)) != 0) break;
         label = nullptr;
         if (g_cfg.lbdb.port > 0) {
-            if ((rc = lbdb_init(g_cfg.lbdb.sha1_path, 2, 0)) != 0) break;
+            const int need = LBDB_FN_ADD | (g_cfg.udp_cha.claim_redis ? LBDB_FN_CLAIM : 0);
+            if ((rc = lbdb_init(g_cfg.lbdb.sha1_path, need, 0)) != 0) break;
             if ((rc = lbdb_connect(g_cfg.lbdb.host, g_cfg.lbdb.port, g_cfg.lbdb.tmout)) != 0) break;
         }
     } while (false);
@@ -393,8 +394,8 @@ void free_dw(dw_task *task) {
         // file; one that another live task is writing (it won the exclusive
         // create for the same destination) stays.
         if (const dw_task *writer = own_file ? nullptr : dest_writer(task); writer != nullptr)
-            LOG_INF("%s: [%s] is being written by %s, left in place\n", __func__,
-                    task->spec.fpath, writer->trk_tag.str);
+            LOG_INF("%s: [%s] is being written by %s, left in place\n", __func__, task->spec.fpath,
+                    writer->trk_tag.str);
         else
             (void)W_unlink(__func__, task->spec.fpath);
         task->spec.fpath[0] = '\0';

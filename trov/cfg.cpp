@@ -49,6 +49,15 @@ int load_udp_input(const config_setting_t *sec, udp_lstn_cfg *u) {
         return -1;
     }
     u->rcvbuf_kb = kb;
+    char claim[32] = {};
+    if (int rc = load_config_setting_str(sec, "claim", claim, sizeof claim, "file"); rc != 0)
+        return rc;
+    if (strcmp(claim, "file") != 0 && strcmp(claim, "redis") != 0) {
+        LOG_ERR("%s: claim must be \"file\" or \"redis\", not [%s]\n", "load_config", claim);
+        return -1;
+    }
+    u->claim_redis = claim[0] == 'r';
+    if (u->claim_redis) return 0;  // no lock files: neither must_lock nor lock_dir applies
     u->must_lock = lookup_bool(sec, "must_lock", true);
     if (u->must_lock)
         return load_config_setting_str(sec, "lock_dir", u->lkdir, sizeof u->lkdir, "/tmp");
@@ -81,6 +90,10 @@ int load_first_group(trov_cfg *cfg) {
     }
     if (config_setting_t *lb = config_lookup(g_lcfg, "trov.lbdb"); lb != nullptr) {
         if (int rc = load_lbdb_cfg(lb, &cfg->lbdb); rc != 0) return rc;
+    }
+    if (cfg->udp_cha.claim_redis && cfg->lbdb.port <= 0) {
+        LOG_ERR("%s: claim = redis needs the lbdb section\n", "load_config");
+        return -1;
     }
     return 0;
 }
@@ -243,7 +256,7 @@ void dump_trov_config(FILE *fp, const trov_cfg *cfg) {
     if (u.url[0] != '\0')
         fprintf(fp, "\tUDP input            = [%s] ifc=%s fmt=%s lk=[%s]\n", u.url,
                 u.mifc[0] != '\0' ? u.mifc : "all", u.is_gzipped ? "gzip" : "text",
-                u.must_lock ? u.lkdir : "none");
+                u.claim_redis ? "redis" : (u.must_lock ? u.lkdir : "none"));
     fprintf(fp, "Misc:\n");
     fprintf(fp, "\tdata directory       = [%s]\n", cfg->data_dir);
     fprintf(fp, "\trequest time-out     = %d sec\n", cfg->urq_tmout_sec);

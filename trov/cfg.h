@@ -10,12 +10,13 @@
 #include "lbquery.h"
 
 struct udp_lstn_cfg {
-    char url[128];    // where to listen; empty = no UDP order channel
-    char mifc[32];    // multicast interface; empty = any
-    bool is_gzipped;  // declared datagram format, only reported
-    bool must_lock;   // take a lock file per order identifier
-    char lkdir[128];  // lock directory
-    int rcvbuf_kb;    // socket receive buffer asked for; 0 = the system's default
+    char url[128];     // where to listen; empty = no UDP order channel
+    char mifc[32];     // multicast interface; empty = any
+    bool is_gzipped;   // declared datagram format, only reported
+    bool must_lock;    // take a lock file per order identifier
+    char lkdir[128];   // lock directory
+    int rcvbuf_kb;     // socket receive buffer asked for; 0 = the system's default
+    bool claim_redis;  // orders are claimed in the LBDB instead of with lock files
 };
 
 struct trov_cfg {

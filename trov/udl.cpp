@@ -13,6 +13,7 @@
 
 #include "app.h"
 #include "cfg.h"
+#include "lbquery.h"
 #include "log.h"
 #include "rq.h"
 #include "rqs.h"
@@ -75,6 +76,16 @@ void count_drops(udl_ctx *udl, msghdr *mh) {
     }
 }
 
+// Who claims orders in the LBDB: "<host name>:<pid>", set when the channel
+// opens (after the process detached, so the pid is final).
+char s_claimant[128];
+
+void set_claimant() {
+    char host[64] = {};
+    if (gethostname(host, sizeof host - 1) != 0) snprintf(host, sizeof host, "localhost");
+    snprintf(s_claimant, sizeof s_claimant, "%s:%ld", host, long(getpid()));
+}
+
 // "<lock_dir>/<lid>.lock"; the length formatted (a path cut by the bound is
 // not detected: identifiers are short next to the lock directory).
 int lock_path(const char *lid, char *path) {
@@ -96,6 +107,7 @@ int udl_ctx_init(const udp_lstn_cfg *cfg, udl_ctx *udl) {
         return -1;
     }
     size_rcvbuf(fd, cfg->rcvbuf_kb);
+    if (cfg->claim_redis) set_claimant();
     udl->sockfd = fd;
     udl->tag = UDL_TAG;
     udl->is_ready = true;
@@ -286,6 +298,17 @@ int udl_accept(udl_ctx *udl) {
 }
 
 int lid_lock(const char *lid) {
+    if (g_cfg.udp_cha.claim_redis) {
+        char why[128];
+        int rc = lbdb_claim_order(lid, s_claimant, UDL_STALE_SEC * 1000, why, sizeof why);
+        if (rc == -1) {
+            // Without coordination the order may be fetched twice, never lost.
+            LOG_WRN("%s: [%s] claim failed (%s), fetching anyway\n", __func__, lid, why);
+            return 0;
+        }
+        if (rc == 0) LOG_DBG("%s: [%s] claimed as %s\n", __func__, lid, s_claimant);
+        return rc;
+    }
     if (!g_cfg.udp_cha.must_lock) return 0;
     char path[LOCK_PATH_SIZE];
     int n = lock_path(lid, path);
@@ -309,6 +332,11 @@ int lid_lock(const char *lid) {
 }
 
 void lid_unlock(const char *lid) {
+    if (g_cfg.udp_cha.claim_redis) {
+        if (lbdb_release_order(lid, s_claimant) == 0)
+            LOG_DBG("%s: [%s] claim released\n", __func__, lid);
+        return;
+    }
     if (!g_cfg.udp_cha.must_lock) return;
     char path[LOCK_PATH_SIZE];
     if (lock_path(lid, path) <= 4) return;

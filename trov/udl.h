@@ -64,7 +64,10 @@ int parse_msg(char *text, char **url, char **lid, time_t *expiry);
 int parse_url(const char *url, const char *lid, dw_spec *spec);
 
 // Lock file "<lock_dir>/<lid>.lock" when locking is on: 0 taken; 16 another
-// agent holds a fresh one; -1 failure.
+// agent holds a fresh one; -1 failure. With claim = redis the order is
+// claimed in the LBDB instead: 0 claimed, or the claim could not be made
+// (a warning; the order is fetched anyway); 16 another agent holds it.
+// lid_unlock releases the lock file or the claim.
 int lid_lock(const char *lid);
 void lid_unlock(const char *lid);
 // 0 when path is absent or was older than max_age (then removed); 16 when it

@@ -3,7 +3,9 @@
 #include "netclient.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -136,4 +138,18 @@ int udp_send_mcast(const std::string &group, int port, const void *buf, size_t l
     sockaddr_in sa = loopback(port);
     if (inet_pton(AF_INET, group.c_str(), &sa.sin_addr) != 1) return -EINVAL;
     return send_datagram(sa, buf, len, true);
+}
+
+bool net_lo_multicast_ready() {
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s < 0) return false;
+    ifreq ifr{};
+    snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "lo");
+    bool ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
+    if (ok && (ifr.ifr_flags & IFF_MULTICAST) == 0) {
+        ifr.ifr_flags |= IFF_MULTICAST;
+        ok = ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
+    }
+    close(s);
+    return ok;
 }

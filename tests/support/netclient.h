@@ -41,3 +41,7 @@ net_reply net_exchange(int port, const std::string &bytes, int timeout_ms);
 // loop-back on (members joined on 127.0.0.1 receive it). 0, or -errno.
 int udp_send(int port, const void *buf, size_t len);
 int udp_send_mcast(const std::string &group, int port, const void *buf, size_t len);
+
+// Whether lo carries multicast; root may switch its MULTICAST flag on, which
+// this does when needed.
+bool net_lo_multicast_ready();
