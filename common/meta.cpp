@@ -40,6 +40,13 @@ const char *get_app_tag(const char *name) {
     return tag;
 }
 
+const char *get_app_version() {
+    // Built from the same constants as the tag, so the two never disagree.
+    static char ver[32];
+    if (ver[0] == '\0') snprintf(ver, sizeof ver, "%s-%d.%d", VERSION, VER_MAJOR, VER_MINOR);
+    return ver;
+}
+
 const char *get_app_info(const char *name, [[maybe_unused]] int id) {
     static char info[256];
     const char *desc = app_desc(name);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "adm.h"
 #include "cfg.h"
 #include "fdio.h"
 #include "lbquery.h"
@@ -18,6 +19,7 @@
 #include "meta.h"
 #include "rq.h"
 #include "rqs.h"
+#include "stats.h"
 #include "syswrap.h"
 #include "timeop.h"
 #include "tmout.h"
@@ -123,6 +125,12 @@ int reserve_space(int fd, size_t len) {
 // List callbacks get the storage and a slot index.
 int match_task(void *data, size_t i, void *key) { return static_cast<void **>(data)[i] == key; }
 
+// The answer to an HTTP order decides it: taken on 200, refused otherwise.
+void count_answer(int code) {
+    stats_http_answer(code);
+    stats_order(STATS_HTTP, code == 200 ? STATS_ACCEPTED : STATS_REFUSED);
+}
+
 // Answers the waiting requester on its duplicate connection and closes it.
 void answer_requester(dw_task *task, int rc, int code) {
     if (task->cfd == -1) {
@@ -140,6 +148,7 @@ void answer_requester(dw_task *task, int rc, int code) {
         }
     }
     task->hresp->server = get_app_tag(nullptr);
+    count_answer(task->hresp->code);
     LOG_DBG("%s: sending response to client fd%d\n", "read_src_response", task->cfd);
     if (send_http_response(task->cfd, task->hresp) == 0)
         LOG_DBG("%s: HTTP%d response sent to fd%d\n", "read_src_response", task->hresp->code,
@@ -157,6 +166,10 @@ int init_trov_ctx() {
     rui_socket_cb cb = *urq_callbacks();
     cb.tag = URQ_TAG;
     rui_set_cb(RUI_USER, &cb);
+    // Only a configured admin listener brings its kind's callbacks, so a
+    // daemon without one sets up exactly what it always did.
+    if (g_cfg.rui.admin[0].is_valid) rui_set_cb(RUI_ADMIN, adm_callbacks());
+    stats_reset();
     if (int rc = rui_ctx_init(&g_cfg.rui, &g_ctx.rui); rc != 0) return rc;
     if (int rc = udl_ctx_init(&g_cfg.udp_cha, &g_ctx.udl); rc != 0) return rc;
 
@@ -314,6 +327,7 @@ int mk_dw_task(int cfd, const dw_spec *spec) {
     }
     set_now(&task->last_io_tm);
     set_dw_state(task, DW_INI);
+    task->is_started = true;
     return 0;
 }
 
@@ -368,9 +382,13 @@ void free_dw(dw_task *task) {
         task->sfd = -1;
     }
     if (task->cfd > 0) {
+        // The requester is left without an answer: its order failed.
+        if (task->hresp == nullptr && task->is_started) stats_order(STATS_HTTP, STATS_REFUSED);
         (void)W_close(__func__, task->cfd);
         task->cfd = -1;
     }
+    if (task->is_started && !task->is_done) ++g_stats.downloads_failed;
+    task->is_started = false;
     if (task->dfd > 0) {
         (void)W_close(__func__, task->dfd);
         task->dfd = -1;
@@ -471,6 +489,7 @@ int request_data_stream(dw_task *task) {
     }
     task->hresp = http_code_resp(400);
     task->hresp->server = get_app_tag(nullptr);
+    if (task->cfd >= 0) count_answer(400);
     (void)send_http_response(task->cfd, task->hresp);
     if (pprm_task(task) != 0) {
         LOG_WRN("%s: could not pprm %s\n", __func__, task->trk_tag.str);
@@ -578,6 +597,7 @@ int read_fragment(dw_task *task) {
             log_abort_here();
         }
         task->nleft -= size_t(n);
+        g_stats.download_bytes += uint64_t(n);
         LOG_DBG("%s: %zd bytes, total=%zd/%zu, %zu left\n", __func__, n, ssize_t(task->f_pos),
                 task->content_length, task->nleft);
     }
@@ -693,6 +713,8 @@ int complete_download(dw_task *task) {
     }
     if (g_cfg.lbdb.port > 0) (void)add_lbdb_url(&task->spec);
     if (rc == 0) {
+        task->is_done = true;
+        ++g_stats.downloads_completed;
         LOG_NRM("downloaded: %zu bytes, [%s] to [%s]\n", task->content_length, task->spec.url,
                 task->spec.fpath);
         (void)pprm_task(task);
@@ -720,6 +742,7 @@ int add_lbdb_url(const dw_spec *spec) {
     LOG_INF("%s: id=[%s], url=[%s], expiry=%lu\n", __func__, spec->dst_path, url,
             static_cast<unsigned long>(spec->expiry_tm));
     int rc = lbdb_add_segurl(spec->dst_path, url, spec->expiry_tm);
+    ++(rc == 0 ? g_stats.lbdb_ok : g_stats.lbdb_failed);
     if (rc != 0) LOG_ERR("%s: failed to add [%s]\n", __func__, spec->dst_path);
     return rc;
 }

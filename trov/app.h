@@ -63,6 +63,8 @@ struct dw_task {
     bool is_hashed;         // present in the URL table
     bool is_mmapped;        // buf maps the destination file
     bool is_quitting;       // listed for release; events are ignored
+    bool is_started;        // the order was taken (counted once it ends)
+    bool is_done;           // the file is complete under its final name
 };
 static_assert(std::is_trivially_copyable_v<dw_task>);
 static_assert(std::is_standard_layout_v<dw_task> && offsetof(dw_task, tag) == 0);

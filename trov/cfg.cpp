@@ -88,6 +88,12 @@ int load_first_group(trov_cfg *cfg) {
         cfg->rui.max_accept = size_t(lookup_int("trov.web_input.max_accept", DEFAULT_MAX_ACCEPT));
         cfg->rui.user_request_tmout = 1000;
     }
+    if (const config_setting_t *adm = section("trov.admin_input"); adm != nullptr) {
+        if (load_listener_from(adm, &cfg->rui.admin[0], "admin") != 0) {
+            LOG_ERR("%s: failed to load the admin listener\n", "load_config");
+            return -1;
+        }
+    }
     if (config_setting_t *lb = config_lookup(g_lcfg, "trov.lbdb"); lb != nullptr) {
         if (int rc = load_lbdb_cfg(lb, &cfg->lbdb); rc != 0) return rc;
     }

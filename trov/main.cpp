@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "adm.h"
 #include "app.h"
 #include "cfg.h"
 #include "fdio.h"
@@ -426,6 +427,12 @@ int on_read(int fd, int err, void *udata, void *aux) {
         }
         case RSC_TAG.num:
             return on_srv_accept(fd, err, udata, aux);
+        case ARQ_TAG.num: {
+            auto *rq = static_cast<adm_rq *>(udata);
+            if (err == 0 || err == RQS_FL_HUP) return adm_read(rq);
+            adm_error(rq);
+            return 0;
+        }
         case UDL_TAG.num: {
             log_group_scope grp(UDL_GROUP);
             return udl_accept(static_cast<udl_ctx *>(udata));
@@ -450,7 +457,9 @@ int on_srv_accept(int, int err, void *srv, void *) {
     const char *alias = lsn->lc != nullptr ? lsn->lc->alias : "?";
     if (err != 0) {
         LOG_ERR("%s: [%s] ERR/HUP\n", __func__, alias);
-    } else if (rui_accept(lsn, g_cfg.rui.max_accept, 0, nullptr) != 0) {
+    } else if (rui_accept(lsn,
+                          lsn->rqtag.num == ARQ_TAG.num ? ADM_MAX_ACCEPT : g_cfg.rui.max_accept, 0,
+                          nullptr) != 0) {
         LOG_ERR("%s: error accepting requests on [%s]\n", __func__, alias);
     }
     if (g_quit) {
@@ -478,6 +487,9 @@ int on_error(int, int err, void *udata, void *) {
     switch (tag.num) {
         case URQ_TAG.num:
             urq_error(static_cast<dw_urq *>(udata), hup);
+            break;
+        case ARQ_TAG.num:
+            adm_error(static_cast<adm_rq *>(udata));
             break;
         case RSC_TAG.num:
             rui_crash_on_error(static_cast<rui_socket_ctx *>(udata), hup);

@@ -13,6 +13,7 @@
 #include "meta.h"
 #include "netops.h"
 #include "rqs.h"
+#include "stats.h"
 #include "syswrap.h"
 #include "timeop.h"
 #include "tmout.h"
@@ -40,10 +41,13 @@ void set_urq_state(dw_urq *urq, n32_tag state) {
     urq->state = state;
 }
 
-// Sends the answer chosen for the request: 500 when none was chosen.
-void send_answer(dw_urq *urq) {
+// Sends the answer chosen for the request: 500 when none was chosen. An
+// order is decided by it (a ping is no order).
+void send_answer(dw_urq *urq, bool is_order) {
     if (urq->hresp == nullptr) urq->hresp = http_code_resp(500);
     if (urq->hresp->server == nullptr) urq->hresp->server = get_app_tag(nullptr);
+    stats_http_answer(urq->hresp->code);
+    if (is_order) stats_order(STATS_HTTP, urq->hresp->code == 200 ? STATS_ACCEPTED : STATS_REFUSED);
     (void)send_http_response(urq->sockfd, urq->hresp);
 }
 
@@ -237,7 +241,7 @@ int urq_read(dw_urq *urq) {
             rc = mk_dw_task(urq->sockfd, &spec);
             answer = rc != 0;
         }
-        if (answer) send_answer(urq);
+        if (answer) send_answer(urq, rc != -3);
     }
     // Everything but "need more data" ends the request here; the engine keeps
     // its own duplicate of the connection when it took the order.

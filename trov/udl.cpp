@@ -17,6 +17,7 @@
 #include "log.h"
 #include "rq.h"
 #include "rqs.h"
+#include "stats.h"
 #include "strops.h"
 #include "syswrap.h"
 #include "timeop.h"
@@ -226,6 +227,9 @@ int udl_accept(udl_ctx *udl) {
     time_t expiry = 0;
     dw_spec spec{};
     int rc = 0;
+    bool local = false;  // a local URL: handled without a download
+    bool taken = false;  // the engine took the order
+    bool got = false;    // a datagram was read: it is an order, taken or refused
     do {
         iovec iov{.iov_base = buf, .iov_len = UDL_RECV_SIZE};
         alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(uint32_t))];
@@ -236,6 +240,7 @@ int udl_accept(udl_ctx *udl) {
         mh.msg_controllen = sizeof ctl;
         ssize_t n = recvmsg(udl->sockfd, &mh, MSG_DONTWAIT);
         if (n >= 0) {
+            got = true;
             count_drops(udl, &mh);
             // A look at the socket's drop count is due within a report period.
             if (!udl->drop_watch) {
@@ -271,6 +276,7 @@ int udl_accept(udl_ctx *udl) {
         rc = lid_lock(lid);
         if (rc == 16) {
             LOG_INF("%s: [%s] already engaged, will skip\n", __func__, lid);
+            ++g_stats.udp_skipped_locked;
             return 0;
         }
         if (rc != 0) break;
@@ -284,11 +290,13 @@ int udl_accept(udl_ctx *udl) {
                 LOG_DBG("%s: adding local URL to LBDB\n", __func__);
                 rc = add_lbdb_url(&spec);
             }
+            local = true;
             break;
         }
         // Nobody waits for an answer; the engine logs its own failures.
-        (void)mk_dw_task(-1, &spec);
+        taken = mk_dw_task(-1, &spec) == 0;
     } while (false);
+    if (got) stats_order(STATS_UDP, rc == 0 && (local || taken) ? STATS_ACCEPTED : STATS_REFUSED);
     if (rc != 0 && rc != 16) {
         LOG_ERR("%s: [%s] request failed; url=[%s], rc=%d\n", __func__, lid != nullptr ? lid : "",
                 url != nullptr ? url : "", rc);

@@ -33,6 +33,7 @@ constexpr char HELP[] =
     "Usage:\n"
     "  trov-order http HOST:PORT SOURCE-URL [DEST] [OPTIONS]\n"
     "  trov-order udp  HOST:PORT ID SOURCE-URL [DEST] [OPTIONS]\n"
+    "  trov-order stats HOST:PORT [--timeout SECONDS]\n"
     "  trov-order --help\n"
     "\n"
     "Orders the trov daemon to download SOURCE-URL into DEST below its data\n"
@@ -46,6 +47,9 @@ constexpr char HELP[] =
     "  udp    sends one datagram \"#!ID http://0/src/SOURCE-URL/dst/DEST N\" to the\n"
     "         daemon's UDP order channel at HOST:PORT (unicast or a multicast\n"
     "         group) and prints it. The channel never answers; its log tells.\n"
+    "  stats  fetches /metrics from the daemon's admin listener at HOST:PORT and\n"
+    "         prints a short summary: orders, answers by status, downloads, bytes,\n"
+    "         running tasks, dropped datagrams.\n"
     "\n"
     "Arguments:\n"
     "  HOST:PORT   the daemon's listener; [ADDRESS]:PORT for IPv6.\n"
@@ -111,6 +115,7 @@ int refused(const char *why) {
 }
 
 struct cli_args {
+    bool stats;
     bool http;
     const char *endpoint;
     const char *lid;
@@ -290,6 +295,75 @@ int send_udp(const char *host, const char *port, const char *msg, size_t len) {
 }
 
 // Reads options and arguments. 0, or the exit status to end with.
+// "stats HOST:PORT [--timeout SECONDS]", the command word as argv[0].
+int parse_stats_args(int argc, char **argv, cli_args *a) {
+    for (int i = 1; i < argc; ++i) {
+        std::string_view w = argv[i];
+        if ((w == "-t" || w == "--timeout") && i + 1 < argc) {
+            if (ordcli_parse_timeout(argv[++i], &a->timeout_ms) != 0)
+                return refused("bad --timeout: a number of seconds above 0, at most a week");
+        } else if (!w.starts_with('-') && a->endpoint == nullptr) {
+            a->endpoint = argv[i];
+        } else {
+            say("stats takes HOST:PORT [--timeout SECONDS] (see --help)");
+            return ORDCLI_REFUSED;
+        }
+    }
+    if (a->endpoint == nullptr) return refused("stats takes HOST:PORT (see --help)");
+    return 0;
+}
+
+// Fetches /metrics from an admin listener and prints the summary.
+int run_stats(const cli_args &a) {
+    char host[ORDCLI_HOST_SIZE], port[ORDCLI_PORT_SIZE];
+    if (ordcli_parse_endpoint(a.endpoint, host, sizeof host, port, sizeof port) != 0)
+        return refused("HOST:PORT expected, e.g. 127.0.0.1:9100");
+    timespec t0{};
+    clock_gettime(CLOCK_MONOTONIC, &t0);
+    bool timed_out = false;
+    int fd = tcp_connect(host, port, t0, a.timeout_ms, &timed_out);
+    if (fd < 0) return timed_out ? ORDCLI_TIMEOUT : ORDCLI_FAILED;
+    scope_exit close_fd{[fd] { (void)close(fd); }};
+    char req[512];
+    int n = snprintf(req, sizeof req,
+                     "GET /metrics HTTP/1.1\r\nHost: %s\r\nUser-Agent: %s\r\n"
+                     "Accept: text/plain\r\nConnection: close\r\n\r\n",
+                     host, PROG);
+    if (n < 0 || size_t(n) >= sizeof req) return refused("host name too long");
+    if (send(fd, req, size_t(n), MSG_NOSIGNAL) != n) {
+        say("sending the request failed: %s", strerror(errno));
+        return ORDCLI_FAILED;
+    }
+    static char ans[1 << 16];  // the whole answer: the admin listener closes after it
+    size_t got = 0;
+    while (got + 1 < sizeof ans) {
+        ssize_t r = recv(fd, ans + got, sizeof ans - 1 - got, 0);
+        if (r > 0) {
+            got += size_t(r);
+            continue;
+        }
+        if (r == 0 || errno == ECONNRESET) break;
+        if (errno != EAGAIN && errno != EINTR) {
+            say("reading the answer failed: %s", strerror(errno));
+            return ORDCLI_FAILED;
+        }
+        if (wait_fd(fd, POLLIN, t0, a.timeout_ms) <= 0) {
+            say("no whole answer within the time-out");
+            return ORDCLI_TIMEOUT;
+        }
+    }
+    ans[got] = '\0';
+    std::string_view text(ans, got);
+    size_t body = text.find("\r\n\r\n");
+    if (!text.starts_with("HTTP/1.1 200 ") || body == std::string_view::npos) {
+        std::string_view line = text.substr(0, text.find('\r'));
+        if (line.empty()) line = "no answer";
+        say("no metrics at %s: %.*s", a.endpoint, int(line.size()), line.data());
+        return ORDCLI_FAILED;
+    }
+    return ordcli_print_stats(text.substr(body + 4), stdout) == 0 ? ORDCLI_OK : ORDCLI_FAILED;
+}
+
 int parse_args(int argc, char **argv, cli_args *a) {
     *a = cli_args{};
     a->timeout_ms = DEFAULT_TIMEOUT_MS;
@@ -302,8 +376,12 @@ int parse_args(int argc, char **argv, cli_args *a) {
         ordcli_usage(stdout);
         return -1;
     }
+    if (cmd == "stats") {
+        a->stats = true;
+        return parse_stats_args(argc - 1, argv + 1, a);
+    }
     if (cmd != "http" && cmd != "udp") {
-        say("unknown command [%s]: http or udp (see --help)", argv[1]);
+        say("unknown command [%s]: http, udp or stats (see --help)", argv[1]);
         return ORDCLI_REFUSED;
     }
     a->http = cmd == "http";
@@ -473,5 +551,5 @@ int ordcli_main(int argc, char **argv) {
     int rc = parse_args(argc, argv, &a);
     if (rc == -1) return ORDCLI_OK;  // help printed
     if (rc != 0) return rc;
-    return run(a);
+    return a.stats ? run_stats(a) : run(a);
 }

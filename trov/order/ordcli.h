@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string_view>
 
 // Exit statuses of the command.
 constexpr int ORDCLI_OK = 0;       // answered 200 or 204 / sent; with a wait, the file is there
@@ -26,6 +27,11 @@ int ordcli_main(int argc, char **argv);
 // Reads "--timeout SECONDS" (a positive number, fractions allowed, at most a
 // week) into milliseconds. 0 or 22.
 [[nodiscard]] int ordcli_parse_timeout(const char *text, long *ms);
+
+// Prints the operator's summary of a metrics exposition (the body of
+// GET /metrics on the daemon's admin listener) to fp. 0, or 22 when text
+// holds none of the daemon's metrics.
+int ordcli_print_stats(std::string_view text, FILE *fp);
 
 // Writes the full help text to fp.
 void ordcli_usage(FILE *fp);

@@ -1,0 +1,98 @@
+// stats: counters and their exposition (see stats.h).
+#include "stats.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+#include "meta.h"
+
+trov_stats g_stats;
+
+namespace {
+// Appends to a bounded buffer; once anything did not fit, everything fails.
+struct out_buf {
+    char *buf;
+    size_t cap;
+    size_t len;
+    bool full;
+};
+
+[[gnu::format(printf, 2, 3)]] void put(out_buf *o, const char *fmt, ...) {
+    if (o->full) return;
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(o->buf + o->len, o->cap - o->len, fmt, ap);
+    va_end(ap);
+    if (n < 0 || size_t(n) >= o->cap - o->len) {
+        o->full = true;
+        return;
+    }
+    o->len += size_t(n);
+}
+
+void family(out_buf *o, const char *name, const char *type, const char *help) {
+    put(o, "# HELP %s %s\n# TYPE %s %s\n", name, help, name, type);
+}
+}  // namespace
+
+void stats_reset() {
+    memset(&g_stats, 0, sizeof g_stats);
+    g_stats.start_time = time(nullptr);
+}
+
+void stats_http_answer(int code) {
+    if (code >= STATS_MIN_CODE && code <= STATS_MAX_CODE)
+        ++g_stats.http_answers[code - STATS_MIN_CODE];
+}
+
+long stats_render(const stats_gauges *g, char *buf, size_t cap) {
+    out_buf o{.buf = buf, .cap = cap, .len = 0, .full = cap == 0};
+    const trov_stats &s = g_stats;
+    family(&o, "trov_orders_total", "counter",
+           "Download orders decided, by channel and by whether they were taken.");
+    for (int ch : {STATS_HTTP, STATS_UDP})
+        for (int res : {STATS_ACCEPTED, STATS_REFUSED})
+            put(&o, "trov_orders_total{channel=\"%s\",result=\"%s\"} %lu\n",
+                ch == STATS_HTTP ? "http" : "udp", res == STATS_ACCEPTED ? "accepted" : "refused",
+                static_cast<unsigned long>(s.orders[ch][res]));
+    family(&o, "trov_http_answers_total", "counter",
+           "Answers of the order listener by HTTP status, a source's own status included.");
+    for (int code = STATS_MIN_CODE; code <= STATS_MAX_CODE; ++code)
+        if (uint64_t n = s.http_answers[code - STATS_MIN_CODE]; n > 0)
+            put(&o, "trov_http_answers_total{code=\"%d\"} %lu\n", code,
+                static_cast<unsigned long>(n));
+    family(&o, "trov_downloads_total", "counter",
+           "Downloads that ended, by whether the file was completed.");
+    put(&o, "trov_downloads_total{result=\"completed\"} %lu\n",
+        static_cast<unsigned long>(s.downloads_completed));
+    put(&o, "trov_downloads_total{result=\"failed\"} %lu\n",
+        static_cast<unsigned long>(s.downloads_failed));
+    family(&o, "trov_download_bytes_total", "counter",
+           "Body bytes written into destination files.");
+    put(&o, "trov_download_bytes_total %lu\n", static_cast<unsigned long>(s.download_bytes));
+    family(&o, "trov_tasks_active", "gauge", "Downloads in progress.");
+    put(&o, "trov_tasks_active %zu\n", g->tasks_active);
+    family(&o, "trov_tasks_max", "gauge", "Downloads allowed at once (max_tasks).");
+    put(&o, "trov_tasks_max %zu\n", g->tasks_max);
+    family(&o, "trov_udp_datagrams_dropped_total", "counter",
+           "Order datagrams the kernel dropped because the receive buffer was full.");
+    put(&o, "trov_udp_datagrams_dropped_total %lu\n", static_cast<unsigned long>(g->udp_dropped));
+    family(&o, "trov_udp_orders_skipped_total", "counter",
+           "Datagram orders skipped because another agent holds them.");
+    put(&o, "trov_udp_orders_skipped_total{reason=\"locked\"} %lu\n",
+        static_cast<unsigned long>(s.udp_skipped_locked));
+    family(&o, "trov_lbdb_registrations_total", "counter",
+           "Registrations of local URLs in the load-balancer database, by outcome.");
+    put(&o, "trov_lbdb_registrations_total{result=\"ok\"} %lu\n",
+        static_cast<unsigned long>(s.lbdb_ok));
+    put(&o, "trov_lbdb_registrations_total{result=\"failed\"} %lu\n",
+        static_cast<unsigned long>(s.lbdb_failed));
+    family(&o, "trov_start_time_seconds", "gauge",
+           "Start time of the daemon, seconds of the epoch.");
+    put(&o, "trov_start_time_seconds %ld\n", long(s.start_time));
+    family(&o, "trov_build_info", "gauge", "The daemon's version, as a label; always 1.");
+    put(&o, "trov_build_info{version=\"%s\"} 1\n", get_app_version());
+    return o.full ? -1 : long(o.len);
+}
