@@ -663,6 +663,7 @@ int mk_dest_file(dw_task *task, const char *hbuf, const http_resp_ctx *ctx) {
             memcpy(task->buf, hbuf + ctx->tail, size_t(tail));
             task->f_pos += tail;
             task->nleft -= size_t(tail);
+            g_stats.download_bytes += uint64_t(tail);
         }
     } else {
         if (W_lseek(__func__, task->dfd, 0, SEEK_SET) < 0) return -1;
@@ -676,6 +677,7 @@ int mk_dest_file(dw_task *task, const char *hbuf, const http_resp_ctx *ctx) {
             if (w == tail) {
                 task->f_pos += tail;
                 task->nleft -= size_t(tail);
+                g_stats.download_bytes += uint64_t(tail);
             } else {
                 LOG_ERR("%s: under-write(fd%d) %zd/%zd\n", __func__, task->dfd, w, tail);
                 rc = -1;
