@@ -4,6 +4,7 @@
 #include "lbquery.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -358,19 +359,27 @@ int lbdb_add_segurl(const char *id, const char *url, time_t expiry) {
     return 0;
 }
 
+// The reason a claim or a release failed, cut to the caller's buffer.
+[[gnu::format(printf, 3, 4)]] static void say_why(char *why, size_t cap, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    (void)vsnprintf(why, cap, fmt, ap);
+    va_end(ap);
+}
+
 // Runs one order script on the claim key of id; the reply (owned by the
 // caller), or null with the reason in why.
 static redisReply *order_script(const char *sha, const char *id, const char *claimant, long ttl_ms,
                                 char *why, size_t cap) {
     if (s_ctx.redis == nullptr || s_ctx.redis->err != 0) {
-        snprintf(why, cap, "%s", s_ctx.redis == nullptr ? "not connected" : s_ctx.redis->errstr);
+        say_why(why, cap, "%s", s_ctx.redis == nullptr ? "not connected" : s_ctx.redis->errstr);
         return nullptr;
     }
     void *r = ttl_ms > 0 ? redisCommand(s_ctx.redis, "evalsha %s 1 %s%s %s %ld", sha,
                                         k_claim_pfx.data(), id, claimant, ttl_ms)
                          : redisCommand(s_ctx.redis, "evalsha %s 1 %s%s %s", sha,
                                         k_claim_pfx.data(), id, claimant);
-    if (r == nullptr) snprintf(why, cap, "no reply: %s", s_ctx.redis->errstr);
+    if (r == nullptr) say_why(why, cap, "no reply: %s", s_ctx.redis->errstr);
     return static_cast<redisReply *>(r);
 }
 
@@ -379,9 +388,9 @@ static int order_answer(const redisReply *r, char *why, size_t cap) {
     if (r->type == REDIS_REPLY_INTEGER && (r->integer == 0 || r->integer == 1))
         return static_cast<int>(r->integer);
     if (r->type == REDIS_REPLY_ERROR)
-        snprintf(why, cap, "%s", r->str);
+        say_why(why, cap, "%s", r->str);
     else
-        snprintf(why, cap, "unexpected reply type %d", r->type);
+        say_why(why, cap, "unexpected reply type %d", r->type);
     return -1;
 }
 

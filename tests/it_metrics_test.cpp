@@ -17,6 +17,7 @@
 #include "daemon_test.h"
 #include "netclient.h"
 #include "origin.h"
+#include "strcat.h"
 
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
@@ -81,7 +82,9 @@ class ItMetrics : public DaemonTest {
     // there), a source's 404 and a malformed order, plus one ping.
     void mixed_run() {
         for (int i = 0; i < 3; ++i)
-            EXPECT_EQ(order("/f/2000/m" + std::to_string(i), "m" + std::to_string(i) + ".ts"), 200);
+            EXPECT_EQ(order(str_cat("/f/2000/m", std::to_string(i)),
+                            str_cat("m", std::to_string(i), ".ts")),
+                      200);
         datagram("dgm0001", "/f/3000/u1", "u1.ts");
         datagram("dgm0002", "/f/3000/u2", "u2.ts");
         ASSERT_TRUE(wait_until(WAIT_MS, [&] { return daemon_count_log(&d_, "downloaded:") == 5; }));
