@@ -26,6 +26,8 @@ constexpr int TMOUT_KEY_TASK = 2;
 // Key of the UDP order channel, held while a count of dropped datagrams waits
 // to be reported.
 constexpr int TMOUT_KEY_UDL = 3;
+// Key of the idle source connections, held while any is kept.
+constexpr int TMOUT_KEY_SRCPOOL = 4;
 
 void reg_init_timeout(tmout_registry *reg);
 // Takes a lock on key; the first locker's period stands until the key is free.

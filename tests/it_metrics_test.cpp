@@ -125,16 +125,18 @@ TEST_F(ItMetrics, CountersAgreeWithTheLogAndTheReferenceCheckerAcceptsThem) {
         {"trov_udp_datagrams_dropped_total", 0},
         {"trov_udp_orders_skipped_total{reason=\"locked\"}", 0},
         {"trov_lbdb_registrations_total{result=\"ok\"}", 0},
+        {"trov_source_connections_total{kind=\"new\"}", 7},  // one per download, no keep-alive
+        {"trov_source_connections_total{kind=\"reused\"}", 0},
     };
     for (const auto &[name, value] : want) EXPECT_EQ(m[name], value) << name;
     EXPECT_EQ(m["trov_downloads_total{result=\"completed\"}"],
               daemon_count_log(&d_, "downloaded:"));
     // Every family has its help and its type, once.
-    for (const char *fam :
-         {"trov_orders_total", "trov_http_answers_total", "trov_downloads_total",
-          "trov_download_bytes_total", "trov_tasks_active", "trov_tasks_max",
-          "trov_udp_datagrams_dropped_total", "trov_udp_orders_skipped_total",
-          "trov_lbdb_registrations_total", "trov_start_time_seconds", "trov_build_info"}) {
+    for (const char *fam : {"trov_orders_total", "trov_http_answers_total", "trov_downloads_total",
+                            "trov_download_bytes_total", "trov_tasks_active", "trov_tasks_max",
+                            "trov_udp_datagrams_dropped_total", "trov_udp_orders_skipped_total",
+                            "trov_lbdb_registrations_total", "trov_source_connections_total",
+                            "trov_start_time_seconds", "trov_build_info"}) {
         SCOPED_TRACE(fam);
         for (const char *what : {"# HELP ", "# TYPE "}) {
             const std::string line = std::string("\n") + what + fam + " ";
@@ -142,7 +144,7 @@ TEST_F(ItMetrics, CountersAgreeWithTheLogAndTheReferenceCheckerAcceptsThem) {
             EXPECT_EQ(("\n" + text).find(line), ("\n" + text).rfind(line));
         }
     }
-    EXPECT_EQ(std::count(text.begin(), text.end(), '#'), 2 * 11);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '#'), 2 * 12);
     std::string out, err;
 
     // The operator's summary of the same counters; the order listener has none.

@@ -14,6 +14,7 @@
 #include "meta.h"
 #include "rq.h"
 #include "rqs.h"
+#include "srcpool.h"
 #include "stats.h"
 #include "syswrap.h"
 #include "timeop.h"
@@ -121,7 +122,9 @@ void answer(adm_rq *rq, int code, bool metrics, bool head_only) {
     if (metrics) {
         const stats_gauges g{.tasks_active = g_ctx.tasks.len,
                              .tasks_max = g_cfg.max_tasks,
-                             .udp_dropped = g_ctx.udl.drops};
+                             .udp_dropped = g_ctx.udl.drops,
+                             .src_new = g_src_conn_new,
+                             .src_reused = g_src_conn_reused};
         blen = stats_render(&g, body, ANSWER_SIZE - ANSWER_SIZE / 4);
         if (blen < 0) {
             LOG_ERR("%s: the metrics do not fit in %zu bytes\n", __func__,

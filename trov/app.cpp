@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "adm.h"
 #include "cfg.h"
@@ -19,6 +20,7 @@
 #include "meta.h"
 #include "rq.h"
 #include "rqs.h"
+#include "srcpool.h"
 #include "stats.h"
 #include "syswrap.h"
 #include "timeop.h"
@@ -125,6 +127,24 @@ int reserve_space(int fd, size_t len) {
 // List callbacks get the storage and a slot index.
 int match_task(void *data, size_t i, void *key) { return static_cast<void **>(data)[i] == key; }
 
+// Whether a response head lets its connection carry another request: an
+// HTTP/1.1 answer that does not say "Connection: close".
+bool keeps_connection(const char *head, size_t len) {
+    std::string_view h(head, len);
+    if (!h.starts_with("HTTP/1.1 ")) return false;
+    size_t vlen = 0;
+    const char *v = find_http_header_n("Connection:", head, len, &vlen);
+    return v == nullptr || !(vlen == 5 && strncasecmp(v, "close", 5) == 0);
+}
+
+// True when the source has sent nothing past the body: a connection with
+// bytes waiting (a body longer than announced) or closed is never reused.
+bool nothing_pending(int fd) {
+    char c;
+    return recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
+           (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
 // The answer to an HTTP order decides it: taken on 200, refused otherwise.
 void count_answer(int code) {
     stats_http_answer(code);
@@ -215,6 +235,7 @@ int init_trov_ctx() {
 void destroy_trov_ctx() {
     pprm_task_cleanup();
     rm_all_tasks();
+    srcpool_close_all();
     udl_ctx_destroy(&g_ctx.udl);
     rui_ctx_destroy(&g_ctx.rui);
     pprm_requests();
@@ -281,6 +302,13 @@ dw_task *add_dw(const dw_spec *spec, n64_tag trk) {
     return task;
 }
 
+// A connection to the task's source: an idle one from the pool (true), or
+// none yet (false).
+static bool take_idle_src(dw_task *task);
+// Connects the task to its source and registers it. 0, or non-zero with
+// the task freed.
+static int open_src(dw_task *task);
+
 int mk_dw_task(int cfd, const dw_spec *spec) {
     LOG_DBG("%s: fd%d url=[%s]\n", __func__, cfd, spec->url);
     if (g_ctx.tasks.len >= g_cfg.max_tasks) {
@@ -314,21 +342,66 @@ int mk_dw_task(int cfd, const dw_spec *spec) {
         }
         LOG_DBG("%s: client cfd%d created\n", __func__, task->cfd);
     }
+    if (take_idle_src(task)) {
+        // The connection is registered already, under the pool's entry.
+        if (int rc = rqs_mod(task->sfd, task, 2); rc != 0) {
+            free_dw(task);
+            return rc;
+        }
+    } else if (int rc = open_src(task); rc != 0) {
+        return rc;  // task freed
+    }
+    set_now(&task->last_io_tm);
+    set_dw_state(task, DW_INI);
+    task->is_started = true;
+    return 0;
+}
+
+static bool take_idle_src(dw_task *task) {
+    char key[SRCPOOL_KEY_SIZE];
+    if (!g_cfg.src_ka.on || srcpool_key(task->spec.url, key, sizeof key) != 0) return false;
+    task->sfd = srcpool_take(key);
+    task->is_reused = task->sfd >= 0;
+    return task->is_reused;
+}
+
+static int open_src(dw_task *task) {
     task->sfd = connect_to_src(task->spec.url, &task->sctx);
     if (task->sfd < 0) {
         free_dw(task);
         return -1;
     }
+    ++g_src_conn_new;
     if (int rc = rqs_add_writer(task->sfd, task); rc != 0) {
         LOG_ERR("%s: rqs_add_writer(fd%d,..) failed for %s\n", __func__, task->sfd,
                 task->trk_tag.str);
         free_dw(task);
         return rc;
     }
-    set_now(&task->last_io_tm);
-    set_dw_state(task, DW_INI);
-    task->is_started = true;
     return 0;
+}
+
+bool dw_retry_fresh(dw_task *task) {
+    if (!task->is_reused || task->is_quitting) return false;
+    task->is_reused = false;
+    LOG_DBG(
+        "%s: reused connection fd%d to [%s] failed before the response, retrying on a new "
+        "one\n",
+        __func__, task->sfd, task->spec.url);
+    // Closing takes it out of the epoll set; the reactor only counts it out.
+    (void)rqs_forget_fd(task->sfd);
+    (void)W_close(__func__, task->sfd);
+    task->sfd = connect_to_src(task->spec.url, &task->sctx);
+    if (task->sfd < 0) return false;
+    ++g_src_conn_new;
+    if (rqs_add_writer(task->sfd, task) != 0) {
+        usock_close(task->sfd, &task->sctx);
+        task->sfd = -1;
+        return false;
+    }
+    set_now(&task->last_io_tm);
+    task->state = DW_INI;
+    return true;
 }
 
 void set_dw_state(dw_task *task, n32_tag state) {
@@ -360,6 +433,16 @@ const dw_task *dest_writer(const dw_task *task) {
     return nullptr;
 }
 
+// Parks a finished task's source connection in the idle pool; false when
+// it must be closed instead.
+static bool keep_src(dw_task *task) {
+    char key[SRCPOOL_KEY_SIZE];
+    if (srcpool_key(task->spec.url, key, sizeof key) != 0) return false;
+    if (!srcpool_put(key, task->sfd, g_cfg.src_ka.per_origin)) return false;
+    usock_close(-1, &task->sctx);  // the context's buffers; the descriptor lives on
+    return true;
+}
+
 void free_dw(dw_task *task) {
     LOG_DBG("%s: %s (%p) url=[%s], dst=[%s], idx=%zd\n", __func__, task->trk_tag.str,
             static_cast<void *>(task), task->spec.url, task->spec.fpath, task->idx);
@@ -373,6 +456,7 @@ void free_dw(dw_task *task) {
     const bool own_file = task->dfd > 0;
     // Descriptor 0 is never closed here: a zero in these fields means a
     // record that was never set up, not standard input.
+    if (task->sfd > 0 && task->ka_keep && keep_src(task)) task->sfd = -1;
     if (task->sfd > 0) {
         // Registered from "ini" on. The source socket is never duplicated, so
         // closing it takes it out of the epoll set; the reactor only counts
@@ -476,7 +560,9 @@ int dw_write(dw_task *task) {
 }
 
 int request_data_stream(dw_task *task) {
-    int rc = usock_http_get(task->sfd, task->spec.url, 0);
+    int rc = usock_http_get(task->sfd, task->spec.url, g_cfg.src_ka.on ? HTTP_RQF_KEEPALIVE : 0);
+    // A reused connection the origin closed meanwhile fails here first.
+    if (rc != 0 && dw_retry_fresh(task)) return 0;
     if (rc == 0) {
         rc = rqs_mod(task->sfd, task, 1);
         if (rc != 0) {
@@ -520,12 +606,29 @@ int dw_read(dw_task *task) {
     return 0;
 }
 
+// On a reused connection, the first look: ended or reset before a byte of
+// the answer means the origin dropped it while it was idle.
+static bool reused_src_dead(const dw_task *task) {
+    if (!task->is_reused) return false;
+    char c;
+    ssize_t n = recv(task->sfd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
+    return n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
+}
+
 int read_src_response(dw_task *task) {
+    if (reused_src_dead(task) && dw_retry_fresh(task)) return 11;
     auto *buf = static_cast<char *>(W_calloc(__func__, 1, DW_HEAD_BUF_SIZE));
     if (buf == nullptr) return -12;
     LOG_DBG("%s: reading HTTP response from fd=%d\n", __func__, task->sfd);
     http_resp_ctx ctx{};
     int rc = recv_http_response(task->sfd, buf, DW_HEAD_BUF_SIZE - 1, &ctx);
+    if (rc != 0 && rc != 11 && ctx.total == 0 && dw_retry_fresh(task)) {
+        free(buf);
+        return 11;  // not a byte came: the reused connection was dead
+    }
+    // A response has begun: any failure from now on is the task's.
+    if (ctx.total > 0) task->is_reused = false;
+    if (rc == 0) task->ka_ok = g_cfg.src_ka.on && keeps_connection(buf, size_t(ctx.tail));
     if (rc == 11) {
         // What came so far is dropped with the buffer: a head must arrive
         // whole within one readable event.
@@ -552,6 +655,10 @@ int read_src_response(dw_task *task) {
         LOG_INF("%s: ready to download %zu bytes to [%s]\n", __func__, task->content_length,
                 task->spec.fpath);
         set_dw_state(task, DW_DNL);
+        // The whole body came with the head. A connection that stays open
+        // brings no further event (a closing one would: its end), so the
+        // file is completed now.
+        if (g_cfg.src_ka.on && task->nleft == 0) rc = complete_download(task);
     }
     return rc;
 }
@@ -634,7 +741,10 @@ int mk_dest_file(dw_task *task, const char *hbuf, const http_resp_ctx *ctx) {
     task->content_length = task->nleft = size_t(len);
     // A body longer than announced is never read: the socket is only asked
     // for what is left.
-    if (size_t(tail) > task->nleft) tail = ssize_t(task->nleft);
+    if (size_t(tail) > task->nleft) {
+        tail = ssize_t(task->nleft);
+        task->ka_ok = false;  // more than announced came: the stream is out of step
+    }
 
     task->dfd = W_open(__func__, task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
     if (task->dfd < 0) return errno != 0 ? errno : -1;
@@ -716,6 +826,7 @@ int complete_download(dw_task *task) {
     if (g_cfg.lbdb.port > 0) (void)add_lbdb_url(&task->spec);
     if (rc == 0) {
         task->is_done = true;
+        task->ka_keep = task->ka_ok && nothing_pending(task->sfd);
         ++g_stats.downloads_completed;
         LOG_NRM("downloaded: %zu bytes, [%s] to [%s]\n", task->content_length, task->spec.url,
                 task->spec.fpath);

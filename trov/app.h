@@ -64,6 +64,9 @@ struct dw_task {
     bool is_mmapped;        // buf maps the destination file
     bool is_quitting;       // listed for release; events are ignored
     bool is_started;        // the order was taken (counted once it ends)
+    bool is_reused;         // sfd came from the idle pool; nothing of the response read yet
+    bool ka_ok;             // the response allows the connection to be kept (so far)
+    bool ka_keep;           // the body ended exactly: the connection goes back to the pool
     bool is_done;           // the file is complete under its final name
 };
 static_assert(std::is_trivially_copyable_v<dw_task>);
@@ -87,6 +90,12 @@ extern trov_ctx g_ctx;
 // partial context torn down). destroy is safe after a partial init.
 [[nodiscard]] int init_trov_ctx();
 void destroy_trov_ctx();
+
+// A task whose reused source connection failed before any byte of the
+// response gets one new connection, unseen by its requester: true when it
+// has one (registered, state "ini"); false when the task was not on a reused
+// connection or the new one cannot be made (the failure is then the task's).
+bool dw_retry_fresh(dw_task *task);
 
 // The text after the first "://", or the whole URL; points into url.
 const char *url2key(const char *url);

@@ -8,6 +8,7 @@
 
 #include "config.h"
 #include "netops.h"
+#include "srcpool.h"
 #include "strops.h"
 #include "udl.h"
 #include "util.h"
@@ -127,6 +128,19 @@ int load_second_group(trov_cfg *cfg) {
     cfg->max_tasks = size_t(uint32_t(lookup_int("trov.max_tasks", 4096)));
     cfg->task_tmout_ms = size_t(uint32_t(lookup_int("trov.task_tmout_ms", 5000)));
     cfg->max_mmap_mb = size_t(uint32_t(lookup_int("trov.max_mmap_mb", 8)));
+    if (const config_setting_t *ka = section("trov.source_keepalive"); ka != nullptr) {
+        src_keepalive_cfg &k = cfg->src_ka;
+        k.on = true;
+        k.per_origin = 16;
+        k.idle_ms = 5000;
+        (void)config_setting_lookup_int(ka, "per_origin", &k.per_origin);
+        (void)config_setting_lookup_int(ka, "idle_ms", &k.idle_ms);
+        if (k.per_origin < 1 || k.per_origin > SRCPOOL_MAX_PER_ORIGIN || k.idle_ms < 1) {
+            LOG_ERR("%s: source_keepalive wants per_origin 1 to %d and idle_ms above 0\n",
+                    "load_config", SRCPOOL_MAX_PER_ORIGIN);
+            return -1;
+        }
+    }
     int sweep = 0;
     cfg->sweep_stalled_tasks =
         config_lookup_bool(g_lcfg, "trov.sweep_stalled_tasks", &sweep) == CONFIG_TRUE && sweep != 0;
@@ -271,6 +285,9 @@ void dump_trov_config(FILE *fp, const trov_cfg *cfg) {
     fprintf(fp, "\ttask time-out        = %zu ms\n", cfg->task_tmout_ms);
     fprintf(fp, "\tmmap up to           = %zu MB\n", cfg->max_mmap_mb);
     if (cfg->sweep_stalled_tasks) fprintf(fp, "\tstalled-task sweep   = on\n");
+    if (cfg->src_ka.on)
+        fprintf(fp, "\tsource keep-alive    = %d per origin, %d ms\n", cfg->src_ka.per_origin,
+                cfg->src_ka.idle_ms);
     if (cfg->seg_url_pfx[0] != '\0') fprintf(fp, "\tlocal URL prefix     = %s\n", cfg->seg_url_pfx);
     fprintf(fp, "\n");
     if (cfg->lbdb.port != 0) {

@@ -19,6 +19,13 @@ struct udp_lstn_cfg {
     bool claim_redis;  // orders are claimed in the LBDB instead of with lock files
 };
 
+// "trov.source_keepalive": idle connections to the sources kept for reuse.
+struct src_keepalive_cfg {
+    bool on;         // the group is present
+    int per_origin;  // idle connections kept per host:port
+    int idle_ms;     // an idle connection is closed after this long
+};
+
 struct trov_cfg {
     char config_path[128];  // file actually loaded
     log_cfg log;
@@ -26,6 +33,7 @@ struct trov_cfg {
     rui_cfg rui;
     char data_dir[128];
     udp_lstn_cfg udp_cha;
+    src_keepalive_cfg src_ka;
     int urq_tmout_sec;      // waiting HTTP requester, seconds
     size_t max_tasks;       // task table capacity
     size_t task_tmout_ms;   // sweep period and task idle limit

@@ -21,6 +21,7 @@
 #include "rq.h"
 #include "rqs.h"
 #include "rui.h"
+#include "srcpool.h"
 #include "timeop.h"
 #include "tmout.h"
 #include "udl.h"
@@ -421,12 +422,16 @@ int on_read(int fd, int err, void *udata, void *aux) {
             log_group_scope grp(task->trk_tag);
             bool skip = skip_on_hangup(task->sfd, err);
             if (!skip && (err == 0 || err == RQS_FL_HUP)) return dw_read(task);
+            if (dw_retry_fresh(task)) return 0;
             LOG_ERR("%s: task [%s] (%p) err=%d\n", __func__, task->trk_tag.str, udata, err);
             (void)pprm_task(task);
             return 0;
         }
         case RSC_TAG.num:
             return on_srv_accept(fd, err, udata, aux);
+        case SKA_TAG.num:
+            srcpool_event(static_cast<srcpool_conn *>(udata));
+            return 0;
         case ARQ_TAG.num: {
             auto *rq = static_cast<adm_rq *>(udata);
             if (err == 0 || err == RQS_FL_HUP) return adm_read(rq);
@@ -495,8 +500,13 @@ int on_error(int, int err, void *udata, void *) {
             rui_crash_on_error(static_cast<rui_socket_ctx *>(udata), hup);
         case DOW_TAG.num:
             // A task's socket that reports only an error will never become
-            // readable again; its owner's post-processing ends it.
-            (void)pprm_task(static_cast<dw_task *>(udata));
+            // readable again; its owner's post-processing ends it (unless a
+            // reused connection died before the response: then it gets a new one).
+            if (!dw_retry_fresh(static_cast<dw_task *>(udata)))
+                (void)pprm_task(static_cast<dw_task *>(udata));
+            break;
+        case SKA_TAG.num:
+            srcpool_event(static_cast<srcpool_conn *>(udata));
             break;
         default:
             break;
@@ -518,6 +528,7 @@ int do_idle_tasks() {
     else
         (void)time_out_requests();
     udl_report_drops(&g_ctx.udl, false);
+    if (g_cfg.src_ka.on) srcpool_sweep(g_cfg.src_ka.idle_ms);
     if (g_tdbg) {
         if (!s_debug_mode) {
             log_push_mlevels();

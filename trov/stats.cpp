@@ -89,6 +89,12 @@ long stats_render(const stats_gauges *g, char *buf, size_t cap) {
         static_cast<unsigned long>(s.lbdb_ok));
     put(&o, "trov_lbdb_registrations_total{result=\"failed\"} %lu\n",
         static_cast<unsigned long>(s.lbdb_failed));
+    family(&o, "trov_source_connections_total", "counter",
+           "Connections to the sources for downloads: opened new, or idle ones reused.");
+    put(&o, "trov_source_connections_total{kind=\"new\"} %lu\n",
+        static_cast<unsigned long>(g->src_new));
+    put(&o, "trov_source_connections_total{kind=\"reused\"} %lu\n",
+        static_cast<unsigned long>(g->src_reused));
     family(&o, "trov_start_time_seconds", "gauge",
            "Start time of the daemon, seconds of the epoch.");
     put(&o, "trov_start_time_seconds %ld\n", long(s.start_time));

@@ -39,6 +39,8 @@ struct stats_gauges {
     size_t tasks_active;
     size_t tasks_max;
     uint64_t udp_dropped;  // datagrams the kernel dropped on the order channel
+    uint64_t src_new;      // connections to the sources opened
+    uint64_t src_reused;   // idle connections taken again
 };
 
 // Writes the exposition into buf (cap bytes, terminated). Its length, or -1

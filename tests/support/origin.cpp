@@ -67,6 +67,8 @@ struct origin {
     std::list<conn> conns;          // a list: each thread keeps a pointer to its entry
     std::vector<std::string> reqs;  // request targets
     std::string last_head;          // the last request head, as received
+    int ka_max = 0;                 // requests per kept-alive connection; 0 = keep-alive off
+    size_t accepted = 0;            // connections accepted since the start
 };
 
 namespace {
@@ -107,11 +109,11 @@ bool send_body(origin *o, int fd, uint64_t seed, uint64_t to, bool slow) {
 }
 
 // The daemon sets its own reason phrases, so these need not be right.
-std::string mk_head(int code, uint64_t size, bool has_len) {
+std::string mk_head(int code, uint64_t size, bool has_len, bool keep = false) {
     return "HTTP/1.1 " + std::to_string(code) + (code == 200 ? " OK" : " Error") +
            "\r\nContent-Type: application/octet-stream\r\n" +
            (has_len ? "Content-Length: " + std::to_string(size) + "\r\n" : "") +
-           "Connection: close\r\n\r\n";
+           (keep ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n");
 }
 
 // Cuts the next "/"-ended segment off the front of s as a number; false when it is none.
@@ -125,13 +127,14 @@ bool next_num(std::string_view *s, uint64_t *out) {
 enum class ending { fin, hold, reset, gone };
 
 // An answer whose body is text rather than a stream; a 204 has none.
-ending plain(int fd, int code, const std::string &text) {
-    return send_all(fd, mk_head(code, text.size(), code != 204) + text) ? ending::fin
-                                                                        : ending::gone;
+ending plain(int fd, int code, const std::string &text, bool keep = false) {
+    return send_all(fd, mk_head(code, text.size(), code != 204, keep) + text) ? ending::fin
+                                                                              : ending::gone;
 }
 
-// Sends the answer the path asks for; how the connection is to end.
-ending answer(origin *o, int fd, std::string_view path) {
+// Sends the answer the path asks for; how the connection is to end. With
+// keep, a whole answer says "Connection: keep-alive" (but "fclose" never).
+ending answer(origin *o, int fd, std::string_view path, bool keep) {
     uint64_t n[2] = {0, 0};
     if (path.starts_with("/delay/")) {
         path.remove_prefix(7);
@@ -142,8 +145,8 @@ ending answer(origin *o, int fd, std::string_view path) {
     std::string_view kind = path.substr(0, path.find('/'));
     path.remove_prefix(std::min(path.size(), kind.size() + 1));
     static constexpr std::pair<std::string_view, int> k_kinds[] = {
-        {"f", 1},     {"nolen", 1}, {"zero", 0}, {"status", 1}, {"split", 1},
-        {"short", 2}, {"reset", 1}, {"slow", 1}, {"stall", 2},  {"once", 1}};
+        {"f", 1},     {"nolen", 1}, {"zero", 0},  {"status", 1}, {"split", 1}, {"short", 2},
+        {"reset", 1}, {"slow", 1},  {"stall", 2}, {"once", 1},   {"long", 2},  {"fclose", 1}};
     auto k = std::find_if(std::begin(k_kinds), std::end(k_kinds),
                           [&](const auto &e) { return e.first == kind; });
     if (k == std::end(k_kinds)) return plain(fd, 404, "no such behaviour\n");
@@ -153,9 +156,9 @@ ending answer(origin *o, int fd, std::string_view path) {
     if (kind == "status")
         return n[0] < 200 || n[0] > 599 ? plain(fd, 400, "bad status code\n")
                : n[0] == 204            ? plain(fd, 204, "")
-                             : plain(fd, int(n[0]), "status " + std::to_string(n[0]) + "\n");
+                             : plain(fd, int(n[0]), "status " + std::to_string(n[0]) + "\n", keep);
     uint64_t seed = name_seed(path), size = n[0];
-    std::string head = mk_head(200, size, kind != "nolen");
+    std::string head = mk_head(200, size, kind != "nolen", keep && kind != "fclose");
     if (kind == "once") {
         if (size > 16u << 20) return plain(fd, 400, "too big for one write\n");
         size_t hl = head.size();
@@ -170,6 +173,7 @@ ending answer(origin *o, int fd, std::string_view path) {
     }
     uint64_t body = kind == "short" || kind == "stall" ? std::min(size, n[1])
                     : kind == "reset"                  ? size / 2
+                    : kind == "long"                   ? size + n[1]
                                                        : size;
     if (!send_all(fd, head) || !send_body(o, fd, seed, body, kind == "slow")) return ending::gone;
     return kind == "stall" ? ending::hold : kind == "reset" ? ending::reset : ending::fin;
@@ -178,21 +182,45 @@ ending answer(origin *o, int fd, std::string_view path) {
 void serve_conn(origin *o, conn *c) {
     int fd = c->fd;
     std::string in;
-    size_t end = std::string::npos;
-    while (end == std::string::npos && in.size() <= k_head_max && read_some(fd, &in))
-        end = in.find("\r\n\r\n");
     ending e = ending::gone;
-    if (end != std::string::npos) {
+    int ka_max = 0;
+    {
+        std::lock_guard lk(o->mu);
+        ka_max = o->ka_max;
+    }
+    // One request, or with keep-alive up to ka_max in turn; one more on the
+    // same connection finds it closed without an answer, as when an origin
+    // drops an idle connection just as the client reuses it.
+    for (int served = 0; served <= ka_max; ++served) {
+        size_t end = std::string::npos;
+        while ((end = in.find("\r\n\r\n")) == std::string::npos && in.size() <= k_head_max &&
+               read_some(fd, &in)) {
+        }
+        if (end == std::string::npos) break;
         std::string_view line(in.data(), in.find("\r\n"));
         size_t sp1 = line.find(' '), sp2 = line.find(' ', sp1 + 1);
         std::string target(sp2 == line.npos ? "" : line.substr(sp1 + 1, sp2 - sp1 - 1));
+        const std::string head = in.substr(0, end + 4);
+        in.erase(0, end + 4);
         {
             std::lock_guard lk(o->mu);
             o->reqs.push_back(target);
-            o->last_head = in.substr(0, end + 4);
+            o->last_head = head;
         }
-        e = target.empty() ? plain(fd, 400, "malformed request line\n")
-                           : answer(o, fd, std::string_view(target).substr(0, target.find('?')));
+        if (served == ka_max && served > 0) {
+            e = ending::gone;
+            break;
+        }
+        const bool keep = ka_max > 0 && head.find("Connection: keep-alive") != std::string::npos;
+        e = target.empty()
+                ? plain(fd, 400, "malformed request line\n")
+                : answer(o, fd, std::string_view(target).substr(0, target.find('?')), keep);
+        // A short body ends its connection, or the client would wait for the rest.
+        const bool kept = keep && e == ending::fin &&
+                          target.find("/fclose/") == std::string::npos &&
+                          target.find("/short/") == std::string::npos &&
+                          target.find("/nolen/") == std::string::npos;
+        if (!kept) break;
     }
     if (e == ending::reset) {
         // Closing with unsent bytes queued would drop them along with the
@@ -226,6 +254,7 @@ void accept_loop(origin *o) {
             // Without it the second part of a split head could be held back
             // and merged with the first by Nagle's algorithm.
             (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+            ++o->accepted;
             conn &c = o->conns.emplace_back();
             c.fd = fd;
             c.thr = std::thread(serve_conn, o, &c);
@@ -330,4 +359,14 @@ std::string origin_expect_file(const std::string &path, const std::string &name,
                std::to_string(size);
     bad = origin_check_bytes(data.data(), data.size(), name);
     return bad.empty() ? bad : "[" + path + "]: " + bad;
+}
+
+void origin_set_keepalive(origin *o, int max_requests) {
+    std::lock_guard lk(o->mu);
+    o->ka_max = max_requests;
+}
+
+size_t origin_connections(const origin *o) {
+    std::lock_guard lk(o->mu);
+    return o->accepted;
 }

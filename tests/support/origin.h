@@ -21,12 +21,15 @@
 //   /stall/<size>/<sent>/<name>  announces size, sends sent bytes, then holds the
 //                                connection until the client closes or a stop
 //   /once/<size>/<name>          as /f, head and body in one write (size <= 16 MiB)
+//   /long/<size>/<extra>/<name>  announces size, sends size + extra bytes
+//   /fclose/<size>/<name>        as /f, always with "Connection: close"
 //   /delay/<ms>/<any of these>   waits ms after the request head, then as that
 // <name> is the rest of the path and may contain "/". Unknown paths get 404,
 // malformed ones 400. A body answer's head is exactly
 //   "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n"
 //   "Content-Length: <size>\r\nConnection: close\r\n\r\n"
-// (without Content-Length for /nolen). One request per connection: after the
+// (without Content-Length for /nolen). One request per connection (unless
+// keep-alive is on, see origin_set_keepalive): after the
 // answer the server half-closes and reads until the client closes.
 struct origin;
 
@@ -60,3 +63,11 @@ std::string origin_check_bytes(const void *data, size_t len, const std::string &
 // The file at path against name's body of size bytes: empty when it
 // matches, else what is wrong (missing, length, first bad byte).
 std::string origin_expect_file(const std::string &path, const std::string &name, uint64_t size);
+
+// Keep-alive (off at the start): a request that asks for it with
+// "Connection: keep-alive" is answered so, and its connection serves up to
+// max_requests requests in turn; the next one on it finds the connection
+// closed without an answer. 0 turns it off again (for new connections).
+void origin_set_keepalive(origin *o, int max_requests);
+// Connections accepted since the start.
+size_t origin_connections(const origin *o);

@@ -1,0 +1,123 @@
+// srcpool: idle source connections (see srcpool.h).
+#include "srcpool.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "log.h"
+#include "rqs.h"
+#include "syswrap.h"
+#include "timeop.h"
+#include "tmout.h"
+
+LOG_MODULE(0);
+
+uint64_t g_src_conn_new;
+uint64_t g_src_conn_reused;
+
+namespace {
+srcpool_conn s_pool[SRCPOOL_MAX];
+size_t s_count;    // entries holding a connection
+timespec s_swept;  // loop time of the last sweep
+size_t s_top;      // one past the highest entry ever used: the scans stop there
+
+void drop(srcpool_conn *c, const char *why) {
+    LOG_DBG("%s: fd%d to %s closed (%s)\n", "srcpool", c->fd, c->key, why);
+    // Closing takes it out of the epoll set; the reactor only counts it out.
+    (void)rqs_forget_fd(c->fd);
+    (void)W_close("srcpool", c->fd);
+    c->fd = -1;
+    c->tag.num = 0;
+    if (--s_count == 0) rm_timeout(TMOUT_KEY_SRCPOOL);
+}
+}  // namespace
+
+int srcpool_key(const char *url, char *key, size_t cap) {
+    std::string_view u(url);
+    if (!u.starts_with("http://")) return 22;
+    u.remove_prefix(7);
+    std::string_view auth = u.substr(0, u.find_first_of("/?#"));
+    if (size_t at = auth.rfind('@'); at != std::string_view::npos) auth.remove_prefix(at + 1);
+    if (auth.empty()) return 22;
+    // A port is the digits after the last colon outside IPv6 brackets.
+    size_t colon = auth.rfind(':');
+    bool has_port = colon != std::string_view::npos &&
+                    (auth.find(']') == std::string_view::npos || colon > auth.find(']'));
+    int n = has_port ? snprintf(key, cap, "%.*s", int(auth.size()), auth.data())
+                     : snprintf(key, cap, "%.*s:80", int(auth.size()), auth.data());
+    return (n < 0 || size_t(n) >= cap) ? 22 : 0;
+}
+
+int srcpool_take(const char *key) {
+    // The most recently parked connection of the origin is the likeliest
+    // to be still open on the other side.
+    srcpool_conn *best = nullptr;
+    for (size_t i = 0; i < s_top; ++i) {
+        srcpool_conn *c = &s_pool[i];
+        if (c->fd < 0 || strcmp(c->key, key) != 0) continue;
+        if (best == nullptr || c->idle_since.tv_sec > best->idle_since.tv_sec ||
+            (c->idle_since.tv_sec == best->idle_since.tv_sec &&
+             c->idle_since.tv_nsec > best->idle_since.tv_nsec))
+            best = c;
+    }
+    if (best == nullptr) return -1;
+    int fd = best->fd;
+    best->fd = -1;
+    best->tag.num = 0;
+    if (--s_count == 0) rm_timeout(TMOUT_KEY_SRCPOOL);
+    ++g_src_conn_reused;
+    LOG_DBG("%s: fd%d to %s reused\n", __func__, fd, key);
+    return fd;
+}
+
+bool srcpool_put(const char *key, int fd, int per_origin) {
+    srcpool_conn *free_slot = nullptr;
+    int same = 0;
+    for (size_t i = 0; i < s_top; ++i) {
+        srcpool_conn *c = &s_pool[i];
+        if (c->fd < 0) {
+            if (free_slot == nullptr) free_slot = c;
+        } else if (strcmp(c->key, key) == 0 && ++same >= per_origin) {
+            return false;
+        }
+    }
+    if (free_slot == nullptr) {
+        if (s_top == SRCPOOL_MAX) return false;
+        free_slot = &s_pool[s_top++];
+    }
+    if (strlen(key) >= sizeof free_slot->key) return false;
+    // Readable while idle means closed, reset or unasked-for bytes.
+    if (rqs_mod(fd, free_slot, 1) != 0) return false;
+    free_slot->tag = SKA_TAG;
+    free_slot->fd = fd;
+    free_slot->idle_since = rqs_now();
+    snprintf(free_slot->key, sizeof free_slot->key, "%s", key);
+    if (s_count++ == 0) set_timeout(TMOUT_KEY_SRCPOOL, SRCPOOL_SWEEP_MS);
+    LOG_DBG("%s: fd%d to %s kept idle (%d others)\n", __func__, fd, key, same);
+    return true;
+}
+
+void srcpool_event(srcpool_conn *c) {
+    if (c->fd >= 0) drop(c, "the origin ended it");
+}
+
+void srcpool_sweep(long idle_ms) {
+    if (s_count == 0) return;
+    const timespec now = rqs_now();
+    if (diff_ms(&now, &s_swept) < SRCPOOL_SWEEP_MS) return;
+    s_swept = now;
+    for (size_t i = 0; i < s_top && s_count > 0; ++i)
+        if (s_pool[i].fd >= 0 && diff_ms(&now, &s_pool[i].idle_since) >= idle_ms)
+            drop(&s_pool[i], "idle");
+}
+
+void srcpool_close_all() {
+    for (size_t i = 0; i < s_top && s_count > 0; ++i)
+        if (s_pool[i].fd >= 0) drop(&s_pool[i], "shut-down");
+    s_top = 0;
+}
+
+size_t srcpool_count() { return s_count; }
