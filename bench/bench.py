@@ -380,6 +380,7 @@ trov: {{
         url = "udp://127.0.0.1:{udp}";
         must_lock = false;
     }};
+    {keepalive}
     data_dir = "{data}";
     urq_tmout_sec = 1;
     max_tasks = 8192;
@@ -387,6 +388,10 @@ trov: {{
     max_mmap_mb = {mmap};
 }};
 """
+
+
+# What --keepalive adds: one idle connection per order outstanding.
+KEEPALIVE_CONF = "source_keepalive: { per_origin = 64; idle_ms = 5000; };"
 
 
 class Trov:
@@ -405,8 +410,10 @@ class Trov:
         self.log = os.path.join(self.dir, "trov.log")
         self.conf = os.path.join(self.dir, "trov.conf")
         with open(self.conf, "w") as f:
+            ka = getattr(env.args, "keepalive", False)
             f.write(TROV_CONF.format(log=self.log, level=level, cpu=self.cpu, web=self.web,
-                                     udp=self.udp, data=data_dir, mmap=mmap_mb))
+                                     udp=self.udp, data=data_dir, mmap=mmap_mb,
+                                     keepalive=KEEPALIVE_CONF if ka else ""))
         self.proc = None
 
     def start(self):
@@ -1055,6 +1062,8 @@ def main():
     ap.add_argument("--max-mmap-mb", type=int, default=8,
                     help="the daemon's max_mmap_mb in b and c (default 8, the sample's; "
                          "0 writes every body through the relay)")
+    ap.add_argument("--keepalive", action="store_true",
+                    help="the daemon keeps source connections (source_keepalive, 64 per origin)")
     ap.add_argument("--quiet-wait", type=float, default=300,
                     help="seconds in all that runs may wait for other load to pass (default 300)")
     ap.add_argument("--from-json", metavar="FILE",
@@ -1123,7 +1132,7 @@ def main():
     mach = machine()
     mode = "quick" if args.quick else "full"
     pinning = {"client": env.cpu_client, "origin": env.cpu_origin, "orderer": env.cpu_orderer,
-               "max_mmap_mb_bc": args.max_mmap_mb}
+               "max_mmap_mb_bc": args.max_mmap_mb, "keepalive": args.keepalive}
     summary, tg = report(runs, mach, started.isoformat(timespec="seconds"), mode, reps, False,
                          pinning=pinning)
 
@@ -1164,6 +1173,8 @@ def report(runs, mach, started, mode, reps, readme, quiet=False, pinning=None):
         header += f" The order driver ran on CPU {pinning['orderer']}, not with the daemon."
     if pinning and pinning.get("max_mmap_mb_bc", 8) != 8:
         header += f" max_mmap_mb = {pinning['max_mmap_mb_bc']} in b and c."
+    if pinning and pinning.get("keepalive"):
+        header += " Source keep-alive on (64 idle connections per origin)."
     loads = [r["other_cpu_s"] / r["wall_s"] for r in runs
              if r.get("other_cpu_s") is not None and r.get("wall_s")]
     if loads:

@@ -27,13 +27,10 @@ class ItClaim : public DaemonTest {
         if (!net_lo_multicast_ready()) GTEST_SKIP() << "lo has no MULTICAST flag";
         ASSERT_EQ(redis_server_start(&rs_), 0);
         sha_dir_ = d_.dir + "/sha1";
-        ASSERT_EQ(mkdir(sha_dir_.c_str(), 0755), 0);
         ASSERT_EQ(redis_server_load_lbdb(&rs_, TROV_SOURCE_DIR, sha_dir_.c_str()), 0);
         redis_ = redis_server_client(&rs_);
         ASSERT_NE(redis_, nullptr);
         ASSERT_EQ(daemon_init(&d2_, TROV_BIN), 0);
-        port_ = pick_free_port(SOCK_DGRAM);
-        ASSERT_GT(port_, 0);
     }
     void TearDown() override {
         if (redis_ != nullptr) redisFree(redis_);
@@ -47,7 +44,7 @@ class ItClaim : public DaemonTest {
         daemon_conf c;
         c.level = "info";
         c.web = false;
-        c.udp_url = std::string("udp://") + GROUP + ":" + std::to_string(port_);
+        c.udp_url = std::string("udp://") + GROUP + ":" + std::to_string(udp_port_);
         c.udp_mcast_ifc = "lo";
         c.udp_lock_dir = lock_dir;
         c.udp_extra = "claim = \"" + claim + "\";";
@@ -69,7 +66,7 @@ class ItClaim : public DaemonTest {
                                    origin_url(org_, "/delay/" + std::to_string(delay_ms) +
                                                         "/f/1000/c" + std::to_string(i)) +
                                    "/dst/c" + std::to_string(i) + ".ts 1900000000";
-            ASSERT_EQ(udp_send_mcast(GROUP, port_, dg.data(), dg.size()), 0);
+            ASSERT_EQ(udp_send_mcast(GROUP, udp_port_, dg.data(), dg.size()), 0);
         }
     }
     int both(const std::string &text) {
@@ -98,7 +95,6 @@ class ItClaim : public DaemonTest {
     redisContext *redis_ = nullptr;
     std::string sha_dir_;
     daemon_proc d2_{};
-    int port_ = 0;
 };
 
 TEST_F(ItClaim, TwoAgentsWithRedisClaimsFetchEveryOrderOnceAndLeaveNoClaim) {
@@ -186,7 +182,7 @@ TEST_F(ItClaim, LostDatabaseFetchesEveryOrderAtMostTwiceWithAWarning) {
 TEST_F(ItClaim, StartIsRefusedWithoutTheDatabaseOrItsClaimScripts) {
     daemon_conf c;
     c.web = false;
-    c.udp_url = std::string("udp://") + GROUP + ":" + std::to_string(port_);
+    c.udp_url = std::string("udp://") + GROUP + ":" + std::to_string(udp_port_);
     c.udp_extra = "claim = \"redis\";";
     ASSERT_EQ(daemon_configure(&d_, c), 0);
     std::string err;

@@ -30,12 +30,6 @@ constexpr int WAIT_MS = 10000;
 
 class ItFault : public DaemonTest {
    protected:
-    void SetUp() override {
-        DaemonTest::SetUp();
-        if (!set_up()) return;
-        udp_port_ = pick_free_port(SOCK_DGRAM);
-        ASSERT_GT(udp_port_, 0);
-    }
     void TearDown() override {
         // Unmounted first, so that the removal of the directory can finish.
         if (!mnt_.empty()) (void)umount2(mnt_.c_str(), MNT_DETACH);
@@ -63,7 +57,6 @@ class ItFault : public DaemonTest {
         return daemon_wait_log(&d_, text, WAIT_MS, count) == 0;
     }
 
-    int udp_port_ = 0;
     std::string mnt_;
 };
 

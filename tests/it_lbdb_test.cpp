@@ -28,12 +28,9 @@ class ItLbdb : public DaemonTest {
         if (!set_up()) return;
         ASSERT_EQ(redis_server_start(&rs_), 0);
         sha_dir_ = d_.dir + "/sha1";
-        ASSERT_EQ(mkdir(sha_dir_.c_str(), 0755), 0);
         ASSERT_EQ(redis_server_load_lbdb(&rs_, TROV_SOURCE_DIR, sha_dir_.c_str()), 0);
         redis_ = redis_server_client(&rs_);
         ASSERT_NE(redis_, nullptr);
-        udp_port_ = pick_free_port(SOCK_DGRAM);
-        ASSERT_GT(udp_port_, 0);
         conf_.lbdb_port = rs_.port;
         conf_.lbdb_sha1_dir = sha_dir_;
         conf_.local_url_prefix = PREFIX + "/";
@@ -72,7 +69,6 @@ class ItLbdb : public DaemonTest {
     redisContext *redis_ = nullptr;
     daemon_conf conf_;
     std::string sha_dir_;
-    int udp_port_ = 0;
 };
 
 TEST_F(ItLbdb, DownloadsAndLocalUrlsAreRegisteredAndFilesStayWhenTheServerIsLost) {

@@ -25,12 +25,6 @@ constexpr size_t NPOS = std::string::npos;
 
 class ItReliability : public DaemonTest {
    protected:
-    void SetUp() override {
-        DaemonTest::SetUp();
-        if (!set_up()) return;
-        udp_port_ = pick_free_port(SOCK_DGRAM);
-        ASSERT_GT(udp_port_, 0);
-    }
     // A configuration with the order channel and no web_input section.
     void configure_udp_only(const std::string &udp_extra = "") {
         ASSERT_EQ(daemon_configure(&d_, {.level = "info",
@@ -57,8 +51,6 @@ class ItReliability : public DaemonTest {
             sum += std::stol((*it)[1]);
         return sum;
     }
-
-    int udp_port_ = 0;
 };
 
 // Without a web_input section the listener of -w used to take no connection

@@ -19,12 +19,6 @@ constexpr int WAIT_MS = 10000;
 
 class ItUdp : public DaemonTest {
    protected:
-    void SetUp() override {
-        DaemonTest::SetUp();
-        if (!set_up()) return;
-        port_ = pick_free_port(SOCK_DGRAM);
-        ASSERT_GT(port_, 0);
-    }
     void TearDown() override {
         daemon_destroy(&d2_);
         DaemonTest::TearDown();
@@ -33,7 +27,8 @@ class ItUdp : public DaemonTest {
     void start(daemon_proc *d, const std::string &group = "", const std::string &lock_dir = "") {
         daemon_conf c;
         c.web = false;
-        c.udp_url = "udp://" + (group.empty() ? "127.0.0.1" : group) + ":" + std::to_string(port_);
+        c.udp_url =
+            "udp://" + (group.empty() ? "127.0.0.1" : group) + ":" + std::to_string(udp_port_);
         c.udp_mcast_ifc = group.empty() ? "" : "lo";
         c.udp_lock_dir = lock_dir;
         ASSERT_EQ(daemon_configure(d, c), 0);
@@ -46,14 +41,15 @@ class ItUdp : public DaemonTest {
     std::string datagram(const std::string &id, const std::string &path, const std::string &dst) {
         return "#!" + id + " " + order_url(path, dst) + " 1900000000";
     }
-    void send(const std::string &text) { ASSERT_EQ(udp_send(port_, text.data(), text.size()), 0); }
+    void send(const std::string &text) {
+        ASSERT_EQ(udp_send(udp_port_, text.data(), text.size()), 0);
+    }
     bool logged(const std::string &text, int count = 1, size_t from = 0) {
         return daemon_wait_log(&d_, text, WAIT_MS, count, from) == 0;
     }
     std::string data(const std::string &rel) { return d_.data_dir + "/" + rel; }
 
     daemon_proc d2_{};  // a second agent when a test starts one
-    int port_ = 0;
 };
 
 TEST_F(ItUdp, MalformedDatagramsAreDroppedGoodOnesLandAndOneWithoutExpiryAborts) {
@@ -141,7 +137,7 @@ TEST_F(ItUdp, TwoAgentsOnAMulticastGroupOfTheLoopbackFetchEachOrderOnce) {
     for (int i = 100; i < 100 + N; ++i) {
         std::string text = datagram("shr" + std::to_string(i),
                                     "/delay/300/f/2000/s" + std::to_string(i), std::to_string(i));
-        ASSERT_EQ(udp_send_mcast("239.7.7.8", port_, text.data(), text.size()), 0);
+        ASSERT_EQ(udp_send_mcast("239.7.7.8", udp_port_, text.data(), text.size()), 0);
     }
     auto both = [&](const char *text) {
         return daemon_count_log(&d_, text) + daemon_count_log(&d2, text);

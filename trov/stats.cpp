@@ -35,6 +35,18 @@ struct out_buf {
 void family(out_buf *o, const char *name, const char *type, const char *help) {
     put(o, "# HELP %s %s\n# TYPE %s %s\n", name, help, name, type);
 }
+
+// A counter family of two samples told apart by one label.
+struct labelled {
+    const char *value;
+    uint64_t count;
+};
+void counter_pair(out_buf *o, const char *name, const char *help, const char *label, labelled a,
+                  labelled b) {
+    family(o, name, "counter", help);
+    for (const labelled &l : {a, b})
+        put(o, "%s{%s=\"%s\"} %lu\n", name, label, l.value, static_cast<unsigned long>(l.count));
+}
 }  // namespace
 
 void stats_reset() {
@@ -63,12 +75,9 @@ long stats_render(const stats_gauges *g, char *buf, size_t cap) {
         if (uint64_t n = s.http_answers[code - STATS_MIN_CODE]; n > 0)
             put(&o, "trov_http_answers_total{code=\"%d\"} %lu\n", code,
                 static_cast<unsigned long>(n));
-    family(&o, "trov_downloads_total", "counter",
-           "Downloads that ended, by whether the file was completed.");
-    put(&o, "trov_downloads_total{result=\"completed\"} %lu\n",
-        static_cast<unsigned long>(s.downloads_completed));
-    put(&o, "trov_downloads_total{result=\"failed\"} %lu\n",
-        static_cast<unsigned long>(s.downloads_failed));
+    counter_pair(&o, "trov_downloads_total",
+                 "Downloads that ended, by whether the file was completed.", "result",
+                 {"completed", s.downloads_completed}, {"failed", s.downloads_failed});
     family(&o, "trov_download_bytes_total", "counter",
            "Body bytes written into destination files.");
     put(&o, "trov_download_bytes_total %lu\n", static_cast<unsigned long>(s.download_bytes));
@@ -83,18 +92,12 @@ long stats_render(const stats_gauges *g, char *buf, size_t cap) {
            "Datagram orders skipped because another agent holds them.");
     put(&o, "trov_udp_orders_skipped_total{reason=\"locked\"} %lu\n",
         static_cast<unsigned long>(s.udp_skipped_locked));
-    family(&o, "trov_lbdb_registrations_total", "counter",
-           "Registrations of local URLs in the load-balancer database, by outcome.");
-    put(&o, "trov_lbdb_registrations_total{result=\"ok\"} %lu\n",
-        static_cast<unsigned long>(s.lbdb_ok));
-    put(&o, "trov_lbdb_registrations_total{result=\"failed\"} %lu\n",
-        static_cast<unsigned long>(s.lbdb_failed));
-    family(&o, "trov_source_connections_total", "counter",
-           "Connections to the sources for downloads: opened new, or idle ones reused.");
-    put(&o, "trov_source_connections_total{kind=\"new\"} %lu\n",
-        static_cast<unsigned long>(g->src_new));
-    put(&o, "trov_source_connections_total{kind=\"reused\"} %lu\n",
-        static_cast<unsigned long>(g->src_reused));
+    counter_pair(&o, "trov_lbdb_registrations_total",
+                 "Registrations of local URLs in the load-balancer database, by outcome.", "result",
+                 {"ok", s.lbdb_ok}, {"failed", s.lbdb_failed});
+    counter_pair(&o, "trov_source_connections_total",
+                 "Connections to the sources for downloads: opened new, or idle ones reused.",
+                 "kind", {"new", g->src_new}, {"reused", g->src_reused});
     family(&o, "trov_start_time_seconds", "gauge",
            "Start time of the daemon, seconds of the epoch.");
     put(&o, "trov_start_time_seconds %ld\n", long(s.start_time));

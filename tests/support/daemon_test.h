@@ -5,10 +5,12 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <string>
 
 #include "daemon.h"
+#include "netclient.h"
 #include "origin.h"
 
 class DaemonTest : public ::testing::Test {
@@ -18,6 +20,8 @@ class DaemonTest : public ::testing::Test {
         org_ = origin_start();
         ASSERT_NE(org_, nullptr);
         ASSERT_EQ(daemon_init(&d_, TROV_BIN), 0);
+        udp_port_ = pick_free_port(SOCK_DGRAM);
+        ASSERT_GT(udp_port_, 0);
     }
     void TearDown() override {
         daemon_destroy(&d_);
@@ -27,4 +31,5 @@ class DaemonTest : public ::testing::Test {
 
     origin *org_ = nullptr;
     daemon_proc d_{};
+    int udp_port_ = 0;  // a free port for an order channel, if the test wants one
 };
