@@ -1,8 +1,10 @@
 // srcpool: idle source connections (see srcpool.h).
 #include "srcpool.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -29,8 +31,7 @@ void drop(srcpool_conn *c, const char *why) {
     // Closing takes it out of the epoll set; the reactor only counts it out.
     (void)rqs_forget_fd(c->fd);
     (void)W_close("srcpool", c->fd);
-    c->fd = -1;
-    c->tag.num = 0;
+    c->fd = -1;  // the tag stays: a late event for the entry finds it empty
     if (--s_count == 0) rm_timeout(TMOUT_KEY_SRCPOOL);
 }
 }  // namespace
@@ -66,7 +67,6 @@ int srcpool_take(const char *key) {
     if (best == nullptr) return -1;
     int fd = best->fd;
     best->fd = -1;
-    best->tag.num = 0;
     if (--s_count == 0) rm_timeout(TMOUT_KEY_SRCPOOL);
     ++g_src_conn_reused;
     LOG_DBG("%s: fd%d to %s reused\n", __func__, fd, key);
@@ -101,7 +101,14 @@ bool srcpool_put(const char *key, int fd, int per_origin) {
 }
 
 void srcpool_event(srcpool_conn *c) {
-    if (c->fd >= 0) drop(c, "the origin ended it");
+    // An event of this pass may be older than the entry's connection: the
+    // one it was for was taken (or dropped) and the entry refilled since.
+    if (c->fd < 0) return;
+    char b;
+    if (recv(c->fd, &b, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
+        (errno == EAGAIN || errno == EWOULDBLOCK))
+        return;
+    drop(c, "the origin ended it");
 }
 
 void srcpool_sweep(long idle_ms) {

@@ -19,7 +19,7 @@ constexpr long SRCPOOL_SWEEP_MS = 250;  // idle connections are looked at this o
 
 // One idle connection; reactor user data while it waits.
 struct srcpool_conn {
-    n32_tag tag;  // SKA_TAG while it holds a connection
+    n32_tag tag;  // SKA_TAG once used (entries live as long as the process)
     int fd;       // -1 when free
     timespec idle_since;
     char key[SRCPOOL_KEY_SIZE];
@@ -41,7 +41,9 @@ int srcpool_take(const char *key);
 // already or the pool is full: the caller closes fd then.
 bool srcpool_put(const char *key, int fd, int per_origin);
 // The reactor reports an idle connection readable or broken: the origin
-// closed it or sent bytes nobody asked for. It is closed.
+// closed it or sent bytes nobody asked for. It is closed. A late event for an
+// entry that is empty now, or holds another connection that is fine, does
+// nothing.
 void srcpool_event(srcpool_conn *c);
 // Closes connections idle for idle_ms or more. Cheap when the pool is empty.
 void srcpool_sweep(long idle_ms);
