@@ -343,12 +343,14 @@ int mk_dw_task(int cfd, const dw_spec *spec) {
         LOG_DBG("%s: client cfd%d created\n", __func__, task->cfd);
     }
     if (take_idle_src(task)) {
-        // The connection is registered already, under the pool's entry.
-        if (int rc = rqs_mod(task->sfd, task, 2); rc != 0) {
-            free_dw(task);
-            return rc;
-        }
-    } else if (int rc = open_src(task); rc != 0) {
+        // A kept connection is writable: the request goes at once, and its
+        // registration (still the pool's) becomes the task's for reading.
+        set_now(&task->last_io_tm);
+        set_dw_state(task, DW_INI);
+        task->is_started = true;
+        return request_data_stream(task);
+    }
+    if (int rc = open_src(task); rc != 0) {
         return rc;  // task freed
     }
     set_now(&task->last_io_tm);
