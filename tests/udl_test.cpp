@@ -120,7 +120,7 @@ TEST_F(Orders, OrderUrlsAndDestinationsBecomeRecordsWithTemporaryFiles) {
     EXPECT_EQ(setup_dw_spec("http://h/a/b.ts", "x/y.ts", 255, &spec), 17);
     EXPECT_TRUE(logged("setup_dw_spec: [" + tmp + "] already exists\n"));
     std::filesystem::last_write_time(
-        tmp, std::filesystem::file_time_type::clock::now() - std::chrono::seconds(31));
+        tmp, std::filesystem::file_time_type::clock::now() - std::chrono::seconds(40));
     EXPECT_EQ(setup_dw_spec("http://h/a/b.ts", "x/y.ts", 255, &spec), 0);
     EXPECT_STREQ(spec.dst_path, "x/y.ts");
     EXPECT_FALSE(path_exists(tmp));
