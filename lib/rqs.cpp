@@ -7,7 +7,6 @@
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -67,15 +66,6 @@ sigset_t loop_signals() {
     return set;
 }
 
-// A descriptor that becomes readable while one of the loop's signals waits
-// blocked: in the epoll set (outside the count of registrations), it wakes a
-// loop that never idles without costing a busy pass anything.
-struct sig_ctx {
-    n32_tag tag;
-    int fd;  // -1 when there is none: each busy pass then looks at the pending set
-};
-constexpr n32_tag SIG_TAG = mk_tag("sig");
-
 constexpr size_t INO_BUF_SIZE = 4096;
 constexpr n32_tag INO_TAG = mk_tag("ino");
 constexpr uint32_t INO_WATCH_MASK =
@@ -100,7 +90,6 @@ rqs_context s_rqs;
 rqs_config s_cfg;
 inotify_ctx s_ino = {
     .tag = INO_TAG, .fd = -1, .in_epoll = false, .buf = {}, .wfd_ht = 0, .wfd_count = 0};
-sig_ctx s_sig{.tag = SIG_TAG, .fd = -1};
 
 epoll_event *ev_at(size_t i) { return static_cast<epoll_event *>(s_rqs.events.data) + i; }
 nopoll_ref *np_at(size_t j) { return static_cast<nopoll_ref *>(s_rqs.nopoll.data) + j; }
@@ -155,7 +144,7 @@ int epoll_reg(const char *who, int op, int fd, void *udata, uint32_t bits) {
 // with nothing registered should still sleep out its time-out (and wake for
 // a signal) instead of failing.
 void size_event_buffer() {
-    size_t want = s_rqs.poll_fds + 1;  // the signal descriptor's event too
+    size_t want = s_rqs.poll_fds > 0 ? s_rqs.poll_fds : 1;
     if (want <= s_rqs.events.max_len) return;
     if (xvec_reserve(&s_rqs.events, want, sizeof(epoll_event), EVBUF_BLK) != 0) {
         LOG_ERR("%s: xvec_reserve failed\n", __func__);
@@ -281,8 +270,6 @@ int read_inotify(int flags) {
 }
 
 // Dispatches events[i]; non-zero counts it as failed.
-void deliver_pending(const sigset_t &blocked);
-
 int on_event(size_t i) {
     XASSERT(s_rqs.events.max_len != 0);
     const epoll_event *ev = ev_at(i);
@@ -302,10 +289,6 @@ int on_event(size_t i) {
         // Identity, not the tag: registrations without user data carry a
         // descriptor number here, which must never be dereferenced.
         if (udata == &s_ino && s_ino.tag.num == INO_TAG.num) return read_inotify(flags);
-        if (udata == &s_sig) {
-            deliver_pending(loop_signals());  // their handlers run, and the descriptor is quiet
-            return 0;
-        }
         return cb.read != nullptr ? cb.read(fd, flags, udata, nullptr) : 0;
     }
     if ((e & EPOLLOUT) != 0) return cb.write != nullptr ? cb.write(fd, flags, udata, nullptr) : 0;
@@ -391,22 +374,6 @@ int rm_watch(const char *who, int wd) {
 
 }  // namespace
 
-// The loop's signals as a descriptor in the epoll set; without one (an old
-// kernel, no descriptors left) the loop looks at the pending set instead.
-static void open_signal_fd() {
-    const sigset_t set = loop_signals();
-    s_sig.fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.ptr = &s_sig;
-    if (s_sig.fd >= 0 && epoll_ctl(s_rqs.loopfd, EPOLL_CTL_ADD, s_sig.fd, &ev) != 0) {
-        (void)close(s_sig.fd);
-        s_sig.fd = -1;
-    }
-    if (s_sig.fd < 0)
-        LOG_INF("%s: no signal descriptor, signals are looked for each pass\n", __func__);
-}
-
 int rqs_init(const rqs_config *cfg) {
     XASSERT(cfg != nullptr);
     s_cfg = *cfg;
@@ -441,7 +408,6 @@ int rqs_init(const rqs_config *cfg) {
         log_abort_here();
     }
     s_rqs.tmout = timespec{.tv_sec = -1, .tv_nsec = 0};
-    open_signal_fd();
 
     s_ino.tag = INO_TAG;
     s_ino.in_epoll = false;
@@ -459,10 +425,6 @@ int rqs_init(const rqs_config *cfg) {
 }
 
 void rqs_destroy() {
-    if (s_sig.fd >= 0) {
-        (void)W_close(__func__, s_sig.fd);
-        s_sig.fd = -1;
-    }
     if (s_ino.fd >= 0) {
         (void)W_close(__func__, s_ino.fd);
         s_ino.fd = -1;
@@ -682,9 +644,9 @@ int rqs_event_loop() {
                 }
             }
             // A wait that found descriptors ready returns at once without
-            // delivering the signals that are pending: the signal descriptor
-            // reports them among the events; without one, look each pass.
-            if (s_rqs.events.len > 0 && s_sig.fd < 0) deliver_pending(blocked);
+            // delivering the signals that are pending: let them in now, or a
+            // descriptor that stays ready would keep the loop deaf to them.
+            if (s_rqs.events.len > 0) deliver_pending(blocked);
             if (g_quit) break;
             if (cb.time_out != nullptr) cb.time_out();
         } else {
