@@ -57,6 +57,7 @@ class ItFault : public DaemonTest {
         return daemon_wait_log(&d_, text, WAIT_MS, count) == 0;
     }
 
+    void soak(bool keepalive);
     std::string mnt_;
 };
 
@@ -106,10 +107,17 @@ uint64_t soak_kind(int i, std::string *path) {
     return size[i % 10];
 }
 
-TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) {
+// With keepalive, the origin keeps every connection it may and the daemon
+// parks them: the same faults then meet reused connections too.
+void ItFault::soak(bool keepalive) {
     const char *env = getenv("TROV_SOAK_ORDERS");
     const int per_round = (env != nullptr && atoi(env) > 0 ? atoi(env) : 600) / 2;
-    start({.level = "info", .max_tasks = 4096, .max_mmap_mb = 1}, true);
+    if (keepalive) origin_set_keepalive(org_, 1000);
+    start({.level = "info",
+           .max_tasks = 4096,
+           .max_mmap_mb = 1,
+           .extra = keepalive ? "source_keepalive: { per_origin = 16; idle_ms = 200; };" : ""},
+          true);
     for (int i = 0; i < 20; ++i)
         EXPECT_EQ(fetch(str_cat("/f/2000/w", std::to_string(i)), str_cat("w", std::to_string(i))),
                   200);
@@ -180,6 +188,13 @@ TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) {
 #endif
     printf("soak: %d orders, fds %d -> %d, RSS %ld -> %ld KiB\n", 2 * per_round, fds_before,
            fds_after, rss_mid, rss_end);
+}
+
+TEST_F(ItFault, SoakOfMixedOrdersLeavesExactFilesAndNothingElse) { soak(false); }
+
+TEST_F(ItFault, SoakOverKeptSourceConnectionsLeavesExactFilesAndNothingElse) {
+    soak(true);
+    EXPECT_LT(origin_connections(org_), origin_request_count(org_));  // connections were reused
 }
 
 TEST_F(ItFault, QuitWithAHundredDownloadsInFlightLeavesNoPartialFile) {
