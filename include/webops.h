@@ -156,11 +156,18 @@ int web_escape(const char *text, char *out, size_t size);
 int send_http_request(int fd, const http_request *rq);
 
 // Reads a response head into buf (cap bytes) at ctx->total until it is
-// complete; buf[total] is zeroed when below cap. 0 with code, total and tail
+// complete (bytes already there are looked at first, so a head the caller
+// read whole needs no read); buf[total] is zeroed when below cap. 0 with code, total and tail
 // set; 11 when the socket has nothing more before the head is complete;
 // -1 on error, a closed connection, a head that does not fit in cap or a bad
 // status line.
 [[nodiscard]] int recv_http_response(int fd, char *buf, size_t cap, http_resp_ctx *ctx);
+
+// The same, reading up to cap bytes at a time while the head must end within
+// the first head_cap (a larger cap lets one read bring the head and the body
+// behind it; what follows the head is the tail, total - tail bytes).
+[[nodiscard]] int recv_http_head(int fd, char *buf, size_t head_cap, size_t cap,
+                                 http_resp_ctx *ctx);
 
 // out = base + "/" + the first plen bytes of path. 0, or 34 when it does not
 // fit in size bytes.

@@ -594,38 +594,54 @@ static int parse_status(int fd, const char *buf, size_t eod, http_resp_ctx *ctx)
     return 0;
 }
 
-int recv_http_response(int fd, char *buf, size_t cap, http_resp_ctx *ctx) {
-    XASSERT(buf != nullptr && ctx != nullptr && ctx->total >= 0);
+int recv_http_head(int fd, char *buf, size_t head_cap, size_t cap, http_resp_ctx *ctx) {
+    XASSERT(buf != nullptr && ctx != nullptr && ctx->total >= 0 && head_cap <= cap);
     ctx->tail = 0;
+    // The head must end within head_cap bytes, wherever the reads stop.
+    auto find_eod = [&](size_t total) {
+        return head_eod(buf, total < head_cap ? total : head_cap);
+    };
+    // Bytes the caller read itself may already hold the whole head.
+    if (auto total = size_t(ctx->total); total > 0 && total <= cap) {
+        if (total < cap) buf[total] = '\0';
+        if (size_t eod = find_eod(total); eod != 0) {
+            ctx->tail = ssize_t(eod);
+            return parse_status(fd, buf, eod, ctx);
+        }
+    }
     // Every pass either adds at least one byte or returns, so the loop ends
-    // by the time the buffer is full.
+    // by the time the head's room is full.
     for (;;) {
         auto total = size_t(ctx->total);
-        if (total >= cap) {
-            LOG_ERR("%s: buffer already full, yet no HTTP EOD\n", __func__);
+        if (total >= head_cap) {
+            LOG_ERR("%s: buffer already full, yet no HTTP EOD\n", "recv_http_response");
             return -1;
         }
-        LOG_DBG("%s: reading more from fd%d\n", __func__, fd);
+        LOG_DBG("%s: reading more from fd%d\n", "recv_http_response", fd);
         ssize_t n = nread(fd, buf + total, cap - total, 0);
         if (n < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK) {
-                LOG_DBG("%s: expecting more data from fd=%d\n", __func__, fd);
+                LOG_DBG("%s: expecting more data from fd=%d\n", "recv_http_response", fd);
                 return 11;
             }
             return -1;
         }
         if (n == 0) {
-            LOG_ERR("%s: client [fd=%d] connection broken\n", __func__, fd);
+            LOG_ERR("%s: client [fd=%d] connection broken\n", "recv_http_response", fd);
             return -1;
         }
         total += size_t(n);
         ctx->total = ssize_t(total);
         if (total < cap) buf[total] = '\0';
-        size_t eod = head_eod(buf, total);
+        size_t eod = find_eod(total);
         if (eod == 0) continue;
         ctx->tail = ssize_t(eod);
         return parse_status(fd, buf, eod, ctx);
     }
+}
+
+int recv_http_response(int fd, char *buf, size_t cap, http_resp_ctx *ctx) {
+    return recv_http_head(fd, buf, cap, cap, ctx);
 }
 
 int mk_full_url(const char *base, const char *path, size_t plen, char *out, size_t size) {

@@ -101,17 +101,17 @@ ssize_t splice_fragment(dw_task *task, size_t want) {
 dw_task **pprm_slots() { return static_cast<dw_task **>(g_ctx.pprm_tasks.data); }
 dw_task *task_slots() { return static_cast<dw_task *>(g_ctx.tasks.data); }
 
-// Reserves the whole body on disk before the first byte arrives: a full
-// file system then fails this one task at its start (the requester gets 500
-// and the temporary file goes), instead of a store into a mapped page that
-// has no block behind it killing the daemon with SIGBUS.
-int reserve_space(int fd, size_t len) {
-    int rc = 0;
-    if (fallocate(fd, 0, 0, off_t(len)) != 0) {
-        rc = errno;
-        // File systems without fallocate get the portable (slower) way.
-        if (rc == EOPNOTSUPP) rc = posix_fallocate(fd, 0, off_t(len));
-    }
+// Sizes the new file and reserves the whole body on disk before the first
+// byte arrives: a full file system then fails this one task at its start
+// (the requester gets 500 and the temporary file goes), instead of a write
+// that finds no room halfway. The reservation sizes the file by itself;
+// only where it fails is the file sized apart, so errors read as they did.
+int size_and_reserve(int fd, size_t len) {
+    if (fallocate(fd, 0, 0, off_t(len)) == 0) return 0;
+    int rc = errno;
+    if (W_ftruncate("mk_dest_file", fd, off_t(len)) != 0) return errno != 0 ? errno : -1;
+    // File systems without fallocate get the portable (slower) way.
+    if (rc == EOPNOTSUPP) rc = posix_fallocate(fd, 0, off_t(len));
     if (rc != 0)
         LOG_ERR("%s: fallocate(fd%d, %zu) ERROR(%d): %s\n", "mk_dest_file", fd, len, rc,
                 strerror(rc));
@@ -608,26 +608,34 @@ int dw_read(dw_task *task) {
     return 0;
 }
 
-// On a reused connection, the first look: ended or reset before a byte of
-// the answer means the origin dropped it while it was idle.
-static bool reused_src_dead(const dw_task *task) {
-    if (!task->is_reused) return false;
-    char c;
-    ssize_t n = recv(task->sfd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
-    return n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
+// On a reused connection, the first read: ended or reset before a byte of
+// the answer means the origin dropped it while it was idle, which is not the
+// task's failure. Reads into buf: the bytes read (also left in ctx->total),
+// -1 when the connection was dead, 0 when nothing is there yet.
+static ssize_t first_read_reused(dw_task *task, char *buf, http_resp_ctx *ctx) {
+    ssize_t n;
+    do n = read(task->sfd, buf, DW_RELAY_SIZE - 1);
+    while (n < 0 && errno == EINTR);
+    if (n > 0) {
+        buf[n] = '\0';
+        ctx->total = n;
+        return n;
+    }
+    return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK) ? -1 : 0;
 }
 
 int read_src_response(dw_task *task) {
-    if (reused_src_dead(task) && dw_retry_fresh(task)) return 11;
-    auto *buf = static_cast<char *>(W_calloc(__func__, 1, DW_HEAD_BUF_SIZE));
-    if (buf == nullptr) return -12;
+    // The head is read into the relay buffer, so that one read can bring the
+    // body behind it too; the head itself must still end within
+    // DW_HEAD_BUF_SIZE - 1 bytes. Nothing keeps the buffer past this call.
+    char *buf = s_relay;
     LOG_DBG("%s: reading HTTP response from fd=%d\n", __func__, task->sfd);
     http_resp_ctx ctx{};
-    int rc = recv_http_response(task->sfd, buf, DW_HEAD_BUF_SIZE - 1, &ctx);
-    if (rc != 0 && rc != 11 && ctx.total == 0 && dw_retry_fresh(task)) {
-        free(buf);
+    if (task->is_reused && first_read_reused(task, buf, &ctx) < 0 && dw_retry_fresh(task))
+        return 11;
+    int rc = recv_http_head(task->sfd, buf, DW_HEAD_BUF_SIZE - 1, DW_RELAY_SIZE - 1, &ctx);
+    if (rc != 0 && rc != 11 && ctx.total == 0 && dw_retry_fresh(task))
         return 11;  // not a byte came: the reused connection was dead
-    }
     // A response has begun: any failure from now on is the task's.
     if (ctx.total > 0) task->is_reused = false;
     if (rc == 0) task->ka_ok = g_cfg.src_ka.on && keeps_connection(buf, size_t(ctx.tail));
@@ -636,7 +644,6 @@ int read_src_response(dw_task *task) {
         // whole within one readable event.
         LOG_DBG("%s: expecting more data from fd%d\n", __func__, task->sfd);
         set_now(&task->last_io_tm);
-        free(buf);
         return 11;
     }
     if (rc == 0 && ctx.code >= 200 && ctx.code <= 299) {
@@ -651,16 +658,17 @@ int read_src_response(dw_task *task) {
         LOG_ERR("%s: expected HTTP 2xx, got HTTP %d\n", __func__, ctx.code);
         rc = -1;
     }
-    free(buf);
     answer_requester(task, rc, ctx.code);
     if (rc == 0) {
         LOG_INF("%s: ready to download %zu bytes to [%s]\n", __func__, task->content_length,
                 task->spec.fpath);
         set_dw_state(task, DW_DNL);
-        // The whole body came with the head. A connection that stays open
-        // brings no further event (a closing one would: its end), so the
-        // file is completed now.
-        if (g_cfg.src_ka.on && task->nleft == 0) rc = complete_download(task);
+        // A read that filled the buffer had more behind it: the body goes
+        // on now instead of after one more wait. A body that came whole
+        // with the head is completed now too (a kept connection would bring
+        // no further event).
+        if (task->nleft > 0 && size_t(ctx.total) == DW_RELAY_SIZE - 1) rc = read_fragment(task);
+        if (rc == 0 && task->nleft == 0) rc = complete_download(task);
     }
     return rc;
 }
@@ -671,10 +679,10 @@ int read_fragment(dw_task *task) {
     // errno is cleared so that a read of nothing reports this read's own
     // condition, not a leftover from an earlier call.
     errno = 0;
-    if (task->is_mmapped) {
-        n = nread(task->sfd, task->buf + task->f_pos, task->nleft, 0);
-    } else if (size_t want = task->nleft < DW_RELAY_SIZE ? task->nleft : DW_RELAY_SIZE;
-               want >= DW_SPLICE_MIN && (n = splice_fragment(task, want)) != SPLICE_UNSUPPORTED) {
+    // A mapped file takes its body the same way as a written one: through
+    // the descriptor, at the file offset (the tail went there first).
+    if (size_t want = task->nleft < DW_RELAY_SIZE ? task->nleft : DW_RELAY_SIZE;
+        want >= DW_SPLICE_MIN && (n = splice_fragment(task, want)) != SPLICE_UNSUPPORTED) {
         if (n == SPLICE_SHORT) {
             rc = -1;
             n = 0;
@@ -750,16 +758,19 @@ int mk_dest_file(dw_task *task, const char *hbuf, const http_resp_ctx *ctx) {
 
     task->dfd = W_open(__func__, task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
     if (task->dfd < 0) return errno != 0 ? errno : -1;
-    if (W_ftruncate(__func__, task->dfd, off_t(task->content_length)) != 0)
-        return errno != 0 ? errno : -1;
-    if (int rc = reserve_space(task->dfd, task->content_length); rc != 0) return rc;
+    if (int rc = size_and_reserve(task->dfd, task->content_length); rc != 0) return rc;
     LOG_DBG("%s: destination fd%d opened [%s], %zu bytes\n", __func__, task->dfd, task->spec.fpath,
             task->content_length);
 
     int rc = 0;
     if (can_mmap_dw(task)) {
-        void *m = mmap(nullptr, task->content_length, PROT_WRITE,
-                       MAP_SHARED | MAP_NORESERVE | MAP_POPULATE, task->dfd, 0);
+        // The mapping shows the file's page-cache pages; the body reaches
+        // those pages through the descriptor (see read_fragment), so the
+        // mapping is not populated: a store through a fresh shared mapping
+        // costs the kernel a fault, a page clear and a page-table entry per
+        // page, which made this path the dearest way to write a file.
+        void *m = mmap(nullptr, task->content_length, PROT_WRITE, MAP_SHARED | MAP_NORESERVE,
+                       task->dfd, 0);
         if (m == MAP_FAILED) {
             int err = errno;
             LOG_ERR("%s: mmap() for %zu bytes failed, ERROR(%d): %s\n", __func__,
@@ -769,31 +780,25 @@ int mk_dest_file(dw_task *task, const char *hbuf, const http_resp_ctx *ctx) {
         task->buf = static_cast<char *>(m);
         task->buflen = task->content_length;
         task->is_mmapped = true;
-        task->f_pos = 0;
-        if (tail > 0) {
-            LOG_DBG("%s: memcopy tail of %zd bytes\n", __func__, tail);
-            memcpy(task->buf, hbuf + ctx->tail, size_t(tail));
-            task->f_pos += tail;
-            task->nleft -= size_t(tail);
-            g_stats.download_bytes += uint64_t(tail);
-        }
     } else {
-        if (W_lseek(__func__, task->dfd, 0, SEEK_SET) < 0) return -1;
+        // A new file's offset is already at its start.
         task->is_mmapped = false;
         task->buf = nullptr;
         task->buflen = 0;
-        task->f_pos = 0;
-        if (tail > 0) {
-            LOG_DBG("%s: write tail of %zd bytes\n", __func__, tail);
-            ssize_t w = nwrite(task->dfd, hbuf + ctx->tail, size_t(tail), 0);
-            if (w == tail) {
-                task->f_pos += tail;
-                task->nleft -= size_t(tail);
-                g_stats.download_bytes += uint64_t(tail);
-            } else {
-                LOG_ERR("%s: under-write(fd%d) %zd/%zd\n", __func__, task->dfd, w, tail);
-                rc = -1;
-            }
+    }
+    task->f_pos = 0;
+    if (tail > 0) {
+        LOG_DBG(
+            task->is_mmapped ? "%s: memcopy tail of %zd bytes\n" : "%s: write tail of %zd bytes\n",
+            __func__, tail);
+        ssize_t w = nwrite(task->dfd, hbuf + ctx->tail, size_t(tail), 0);
+        if (w == tail) {
+            task->f_pos += tail;
+            task->nleft -= size_t(tail);
+            g_stats.download_bytes += uint64_t(tail);
+        } else {
+            LOG_ERR("%s: under-write(fd%d) %zd/%zd\n", __func__, task->dfd, w, tail);
+            rc = -1;
         }
     }
     if (rc == 0)
