@@ -247,6 +247,10 @@ int rui_start_listener(rui_listener_cfg *cfg, rui_socket_ctx *srv) {
     }
     srv->sockfd = fd;
     srv->deferred = false;
+    int lowat = RUI_RCVLOWAT;
+    srv->lowat_on_listener = cfg->domain_path[0] == '\0' && cfg->proto != IPPROTO_UDP &&
+                             setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat) == 0;
+    srv->lowat_checked = false;
     char addr[SADDR_STR_SIZE] = "*";
     if (cfg->domain_path[0] != '\0') {
         snprintf(addr, sizeof addr, "%s", cfg->domain_path);
@@ -315,7 +319,15 @@ int rui_accept(rui_socket_ctx *srv, size_t max, int flags, void *user) {
         int prc = 0;
         if (peer.ss_family == AF_INET || peer.ss_family == AF_INET6) {
             int lowat = RUI_RCVLOWAT;
-            prc = W_setsockopt(__func__, fd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
+            if (srv->lowat_on_listener && !srv->lowat_checked) {
+                int got = 0;
+                socklen_t glen = sizeof got;
+                srv->lowat_on_listener =
+                    getsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &got, &glen) == 0 && got == lowat;
+                srv->lowat_checked = true;
+            }
+            if (!srv->lowat_on_listener)
+                prc = W_setsockopt(__func__, fd, SOL_SOCKET, SO_RCVLOWAT, &lowat, sizeof lowat);
             if (prc == 0) LOG_DBG("%s: low watermark set to %d for fd=%d\n", __func__, lowat, fd);
             if (prc == 0 && (flags & RUI_ACC_NODELAY)) prc = set_tcp_nodelay(fd, true);
         }
@@ -360,6 +372,7 @@ int rui_add_request(int fd, rui_socket_ctx *srv, void *user) {
         return rc;
     }
     LOG_INF("%s: OK for fd=%d, rq=%p\n", __func__, fd, static_cast<void *>(rq));
+    if (srv->cb->on_accepted != nullptr) srv->cb->on_accepted(rq);
     return 0;
 }
 

@@ -44,6 +44,10 @@ struct rui_socket_cb {
     // True when the request has waited longer than ms; it then lists itself
     // for post-processing.
     bool (*time_out)(rui_request *rq, long ms);
+    // Optional: called once an accepted request is registered. A client
+    // usually sends its request with the connection, so reading it at once
+    // saves a wait for the reactor's next pass.
+    void (*on_accepted)(rui_request *rq);
 };
 
 // One listening socket at run time. Registered with the reactor as user
@@ -60,6 +64,10 @@ struct rui_socket_ctx {
     rui_listener_cfg *lc;
     n32_tag rqtag;  // the kind's tag, also its name in logs
     rui_socket_cb *cb;
+    // The listening socket carries the low-water mark, which accepted
+    // sockets inherit (seen on the first one), so they need no call each.
+    bool lowat_on_listener;
+    bool lowat_checked;
 };
 
 struct rui_ctx {

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "daemon.h"
 #include "daemon_test.h"
@@ -228,6 +229,31 @@ TEST_F(ItHttp, UnusableRequestsAreAnsweredOrDroppedAndNeverReachTheSource) {
     EXPECT_TRUE(logged("malformed HTTP request", 0, 7));
     EXPECT_EQ(origin_request_count(org_), 0u);
     EXPECT_EQ(daemon_count_log(&d_, "TASK-START"), 0);
+}
+
+// A head may arrive in pieces, and its last piece may be shorter than the
+// listener's low-water mark: the request must still wake and be answered.
+TEST_F(ItHttp, HeadsArrivingInPiecesAreAnsweredHoweverShortTheLastPiece) {
+    start();
+    const std::string head = order("/");
+    for (std::vector<size_t> cuts : {std::vector<size_t>{head.size() - 2}, std::vector<size_t>{10},
+                                     std::vector<size_t>{40, 45}}) {
+        SCOPED_TRACE(cuts.front());
+        int fd = net_connect(d_.port, WAIT_MS);
+        ASSERT_GE(fd, 0);
+        size_t from = 0;
+        cuts.push_back(head.size());
+        for (size_t cut : cuts) {
+            ASSERT_EQ(net_send_all(fd, head.substr(from, cut - from), WAIT_MS), 0);
+            from = cut;
+            usleep(150 * 1000);  // each piece its own segment, read before the next
+        }
+        // The request time-out (1 s) would close the connection unanswered.
+        net_reply r = net_read_reply(fd, WAIT_MS);
+        close(fd);
+        EXPECT_EQ(r.status, 204) << r.data;
+    }
+    EXPECT_EQ(daemon_count_log(&d_, "TIME-OUT URQ"), 0);
 }
 
 TEST_F(ItHttp, DownloadsLandByteExactOnBothWritePaths) {

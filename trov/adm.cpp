@@ -79,6 +79,7 @@ const rui_socket_cb s_adm_cb = {
     .new_rq = cb_new,
     .rm_rq = cb_rm,
     .time_out = cb_tmout,
+    .on_accepted = nullptr,
 };
 
 const char *reason(int code) {

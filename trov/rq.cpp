@@ -28,12 +28,15 @@ rui_request *cb_new(int fd, rui_socket_ctx *srv, void *user) {
 }
 void cb_rm(rui_request *rq) { urq_rm(reinterpret_cast<dw_urq *>(rq)); }
 bool cb_tmout(rui_request *rq, long ms) { return urq_timeout(reinterpret_cast<dw_urq *>(rq), ms); }
+// Nothing there yet leaves the request waiting for its readable event.
+void cb_accepted(rui_request *rq) { (void)urq_read(reinterpret_cast<dw_urq *>(rq)); }
 
 const rui_socket_cb s_urq_cb = {
     .tag = URQ_TAG,
     .new_rq = cb_new,
     .rm_rq = cb_rm,
     .time_out = cb_tmout,
+    .on_accepted = cb_accepted,
 };
 
 void set_urq_state(dw_urq *urq, n32_tag state) {
@@ -151,7 +154,15 @@ int read_http_rq(dw_urq *urq) {
         ssize_t n = read_http(urq->sockfd, h.hbuf, URQ_HEAD_SIZE - 1, h.hlen, &eod);
         if (n <= 0) {
             int err = errno;
-            if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK)) return 11;
+            if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK)) {
+                // Part of a head is in: the rest must wake the request
+                // however short it is, so the low-water mark goes.
+                if (h.hlen > 0) {
+                    int one = 1;
+                    (void)setsockopt(urq->sockfd, SOL_SOCKET, SO_RCVLOWAT, &one, sizeof one);
+                }
+                return 11;
+            }
             LOG_INF("%s: client fd=%d closed connection\n", __func__, urq->sockfd);
             // The end of the stream is a reset as far as this request goes.
             return err != 0 ? err : ECONNRESET;
