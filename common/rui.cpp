@@ -56,7 +56,10 @@ void rm_request(rui_request *rq, bool keep_in_pprm) {
     rui_socket_ctx *srv = rq->srv;
     if (rq->sockfd >= 0) {
         if (rq->sockfd < FD_SETSIZE) FD_CLR(rq->sockfd, &srv->accset);
-        if (rqs_rm_fd(rq->sockfd) != 0)
+        // The close below takes an unshared descriptor out of the epoll set.
+        if (!rq->shared)
+            (void)rqs_forget_fd(rq->sockfd);
+        else if (rqs_rm_fd(rq->sockfd) != 0)
             LOG_ERR("%s: failed to remove fd=%d from the monitored set.\n", __func__, rq->sockfd);
     }
     if (!keep_in_pprm && xvlst_rmif(&srv->pprm, rq, match_ptr, nullptr) > 0)

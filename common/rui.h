@@ -32,6 +32,10 @@ struct rui_request {
     dlep_elem link;
     rui_socket_ctx *srv;
     int sockfd;  // -1 once closed
+    // Another descriptor holds the connection (a duplicate kept by whoever
+    // took the request over): closing ours then leaves it registered, so
+    // the removal takes it out of the reactor first.
+    bool shared;
 };
 
 // A kind's request callbacks.

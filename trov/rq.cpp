@@ -249,6 +249,9 @@ int urq_read(dw_urq *urq) {
             urq->hresp = http_code_resp(200);
             answer = true;
         } else {
+            // Whatever the outcome, the engine may hold a duplicate until
+            // its own clean-up.
+            urq->shared = true;
             rc = mk_dw_task(urq->sockfd, &spec);
             answer = rc != 0;
         }

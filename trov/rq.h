@@ -38,6 +38,7 @@ struct dw_urq {
     dw_urq *next;
     rui_socket_ctx *srv;
     int sockfd;       // -1 once closed
+    bool shared;      // the engine holds a duplicate of the connection
     n64_tag trk_tag;  // "u0001"...
     char uri_src[256];
     char uri_dst[256];
@@ -49,6 +50,7 @@ struct dw_urq {
 };
 static_assert(offsetof(dw_urq, srv) == offsetof(rui_request, srv) &&
               offsetof(dw_urq, sockfd) == offsetof(rui_request, sockfd) &&
+              offsetof(dw_urq, shared) == offsetof(rui_request, shared) &&
               offsetof(dw_urq, prev) == offsetof(dlep_elem, prev));
 
 // The user kind's callbacks for the web listeners, with the "URQ" tag.
