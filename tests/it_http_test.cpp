@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -283,6 +284,19 @@ TEST_F(ItHttp, DownloadsLandByteExactOnBothWritePaths) {
     EXPECT_EQ(daemon_temp_files(d_.data_dir), "");
     ASSERT_TRUE(origin_wait_idle(org_, WAIT_MS));
     EXPECT_TRUE(wait_until(WAIT_MS, [&] { return daemon_fd_count(&d_) == fds_before; }));
+}
+
+// The daemon remembers the destination directory it last made; an operator
+// who removes it between two orders must not make the second one fail.
+TEST_F(ItHttp, ADestinationDirectoryRemovedBetweenOrdersIsMadeAgain) {
+    start();
+    EXPECT_EQ(fetch("/f/3000/a", "d/e/a.ts").status, 200);
+    ASSERT_TRUE(logged("downloaded: 3000 bytes"));
+    std::filesystem::remove_all(data("d"));
+    EXPECT_EQ(fetch("/f/5000/b", "d/e/b.ts").status, 200);
+    ASSERT_TRUE(logged("downloaded: 5000 bytes"));
+    EXPECT_EQ(origin_expect_file(data("d/e/b.ts"), "b", 5000), "");
+    EXPECT_EQ(daemon_count_log(&d_, "ERROR"), 0);
 }
 
 TEST_F(ItHttp, RequesterGetsTheAnswerOfTheSourceOrTheDestination) {

@@ -756,7 +756,15 @@ int mk_dest_file(dw_task *task, const char *hbuf, const http_resp_ctx *ctx) {
         task->ka_ok = false;  // more than announced came: the stream is out of step
     }
 
-    task->dfd = W_open(__func__, task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
+    // The directories were made when the order came; one removed since is
+    // made again.
+    task->dfd = open(task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
+    if (task->dfd < 0 && errno == ENOENT) {
+        forget_dest_dirs();
+        if (ensure_dest_dirs(task->spec.fpath) != 0) return errno != 0 ? errno : -1;
+    }
+    if (task->dfd < 0)
+        task->dfd = W_open(__func__, task->spec.fpath, O_RDWR | O_CREAT | O_EXCL, 0666);
     if (task->dfd < 0) return errno != 0 ? errno : -1;
     if (int rc = size_and_reserve(task->dfd, task->content_length); rc != 0) return rc;
     LOG_DBG("%s: destination fd%d opened [%s], %zu bytes\n", __func__, task->dfd, task->spec.fpath,

@@ -295,6 +295,27 @@ int setup_dw_spec(const char *src, const char *dst, size_t size, dw_spec *spec) 
     return rc;
 }
 
+namespace {
+// The directory of the last destination made sure of. Orders for one place
+// come in runs, and making a directory that exists still walks its path.
+char s_known_dir[sizeof(dw_spec::fpath)];
+}  // namespace
+
+int ensure_dest_dirs(const char *fpath) {
+    const char *slash = strrchr(fpath, '/');
+    size_t len = slash != nullptr ? size_t(slash - fpath) : 0;
+    bool fits = len > 0 && len < sizeof s_known_dir;
+    if (fits && s_known_dir[len] == '\0' && memcmp(s_known_dir, fpath, len) == 0) return 0;
+    int rc = mk_fpath_dirs(fpath, 0755);
+    if (rc == 0 && fits) {
+        memcpy(s_known_dir, fpath, len);
+        s_known_dir[len] = '\0';
+    }
+    return rc;
+}
+
+void forget_dest_dirs() { s_known_dir[0] = '\0'; }
+
 int init_spec(const char *data_dir, const char *src, const char *dst, dw_spec *spec) {
     size_t dlen = strlen(data_dir);
     const char *sep = (dlen > 0 && data_dir[dlen - 1] == '/') ? "" : "/";
@@ -309,7 +330,7 @@ int init_spec(const char *data_dir, const char *src, const char *dst, dw_spec *s
         LOG_ERR("%s: source URL is too long: %zu/%zu\n", __func__, slen, sizeof spec->url);
         return 34;
     }
-    if (int rc = mk_fpath_dirs(spec->fpath, 0755); rc != 0) {
+    if (int rc = ensure_dest_dirs(spec->fpath); rc != 0) {
         LOG_ERR("%s: cannot ensure dest path [%s]\n", __func__, spec->fpath);
         return rc;
     }

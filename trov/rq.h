@@ -75,6 +75,12 @@ int validate_request(dw_urq *urq, dw_spec *spec);
 // for that destination exists; or the failing step's code.
 [[nodiscard]] int setup_dw_spec(const char *src, const char *dst, size_t size, dw_spec *spec);
 [[nodiscard]] int init_spec(const char *data_dir, const char *src, const char *dst, dw_spec *spec);
+// Makes the directories on the way to fpath, remembering the last ones made
+// sure of (they are not looked at again for the next file there). 0, or -1
+// with errno from the failing mkdir.
+[[nodiscard]] int ensure_dest_dirs(const char *fpath);
+// Forgets them: one was found missing since.
+void forget_dest_dirs();
 // False when the destination path (already percent-decoded) climbs out of
 // the data directory through a ".." segment.
 bool is_safe_dst(const char *dst);
