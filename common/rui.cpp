@@ -57,9 +57,9 @@ void rm_request(rui_request *rq, bool keep_in_pprm) {
     if (rq->sockfd >= 0) {
         if (rq->sockfd < FD_SETSIZE) FD_CLR(rq->sockfd, &srv->accset);
         // The close below takes an unshared descriptor out of the epoll set.
-        if (!rq->shared)
+        if (rq->registered && !rq->shared)
             (void)rqs_forget_fd(rq->sockfd);
-        else if (rqs_rm_fd(rq->sockfd) != 0)
+        else if (rq->registered && rqs_rm_fd(rq->sockfd) != 0)
             LOG_ERR("%s: failed to remove fd=%d from the monitored set.\n", __func__, rq->sockfd);
     }
     if (!keep_in_pprm && xvlst_rmif(&srv->pprm, rq, match_ptr, nullptr) > 0)
@@ -365,6 +365,8 @@ int rui_add_request(int fd, rui_socket_ctx *srv, void *user) {
         else
             FD_SET(fd, &srv->accset);
     }
+    LOG_INF("%s: OK for fd=%d, rq=%p\n", __func__, fd, static_cast<void *>(rq));
+    if (srv->cb->on_accepted != nullptr && srv->cb->on_accepted(rq)) return 0;
     if (int rc = rqs_add_reader(fd, rq); rc != 0) {
         LOG_ERR("%s: failed to add fd=%d to the monitored set\n", __func__, fd);
         // The caller closes fd; take the object back without touching it.
@@ -374,8 +376,7 @@ int rui_add_request(int fd, rui_socket_ctx *srv, void *user) {
         srv->cb->rm_rq(rq);
         return rc;
     }
-    LOG_INF("%s: OK for fd=%d, rq=%p\n", __func__, fd, static_cast<void *>(rq));
-    if (srv->cb->on_accepted != nullptr) srv->cb->on_accepted(rq);
+    rq->registered = true;
     return 0;
 }
 

@@ -36,6 +36,7 @@ struct rui_request {
     // took the request over): closing ours then leaves it registered, so
     // the removal takes it out of the reactor first.
     bool shared;
+    bool registered;  // with the reactor, for its readable events
 };
 
 // A kind's request callbacks.
@@ -48,10 +49,11 @@ struct rui_socket_cb {
     // True when the request has waited longer than ms; it then lists itself
     // for post-processing.
     bool (*time_out)(rui_request *rq, long ms);
-    // Optional: called once an accepted request is registered. A client
-    // usually sends its request with the connection, so reading it at once
-    // saves a wait for the reactor's next pass.
-    void (*on_accepted)(rui_request *rq);
+    // Optional: called for an accepted request before it is registered with
+    // the reactor. A client usually sends its request with the connection,
+    // so reading it at once saves a wait for the next pass, and a request
+    // ended by that read (true) is never registered at all.
+    bool (*on_accepted)(rui_request *rq);
 };
 
 // One listening socket at run time. Registered with the reactor as user

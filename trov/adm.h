@@ -26,6 +26,7 @@ struct adm_rq {
     rui_socket_ctx *srv;
     int sockfd;              // -1 once closed
     bool shared;             // never: admin answers are the listener's own
+    bool registered;         // with the reactor
     n64_tag trk_tag;         // "a0001"...
     timespec wait_start_tm;  // creation (loop time), base of the time-out
     ssize_t pprm_idx;        // slot in the listener's pprm list; -1 when not listed
@@ -35,6 +36,7 @@ struct adm_rq {
 static_assert(offsetof(adm_rq, srv) == offsetof(rui_request, srv) &&
               offsetof(adm_rq, sockfd) == offsetof(rui_request, sockfd) &&
               offsetof(adm_rq, shared) == offsetof(rui_request, shared) &&
+              offsetof(adm_rq, registered) == offsetof(rui_request, registered) &&
               offsetof(adm_rq, prev) == offsetof(dlep_elem, prev));
 
 // The admin kind's callbacks, with the "ARQ" tag.

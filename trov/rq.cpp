@@ -29,7 +29,11 @@ rui_request *cb_new(int fd, rui_socket_ctx *srv, void *user) {
 void cb_rm(rui_request *rq) { urq_rm(reinterpret_cast<dw_urq *>(rq)); }
 bool cb_tmout(rui_request *rq, long ms) { return urq_timeout(reinterpret_cast<dw_urq *>(rq), ms); }
 // Nothing there yet leaves the request waiting for its readable event.
-void cb_accepted(rui_request *rq) { (void)urq_read(reinterpret_cast<dw_urq *>(rq)); }
+bool cb_accepted(rui_request *rq) {
+    auto *urq = reinterpret_cast<dw_urq *>(rq);
+    (void)urq_read(urq);
+    return urq->state.num == URQ_QUI.num;
+}
 
 const rui_socket_cb s_urq_cb = {
     .tag = URQ_TAG,

@@ -39,6 +39,7 @@ struct dw_urq {
     rui_socket_ctx *srv;
     int sockfd;       // -1 once closed
     bool shared;      // the engine holds a duplicate of the connection
+    bool registered;  // with the reactor
     n64_tag trk_tag;  // "u0001"...
     char uri_src[256];
     char uri_dst[256];
@@ -51,6 +52,7 @@ struct dw_urq {
 static_assert(offsetof(dw_urq, srv) == offsetof(rui_request, srv) &&
               offsetof(dw_urq, sockfd) == offsetof(rui_request, sockfd) &&
               offsetof(dw_urq, shared) == offsetof(rui_request, shared) &&
+              offsetof(dw_urq, registered) == offsetof(rui_request, registered) &&
               offsetof(dw_urq, prev) == offsetof(dlep_elem, prev));
 
 // The user kind's callbacks for the web listeners, with the "URQ" tag.
