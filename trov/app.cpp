@@ -638,6 +638,7 @@ int read_src_response(dw_task *task) {
         return 11;  // not a byte came: the reused connection was dead
     // A response has begun: any failure from now on is the task's.
     if (ctx.total > 0) task->is_reused = false;
+    task->drained = size_t(ctx.total) < DW_RELAY_SIZE - 1;
     if (rc == 0) task->ka_ok = g_cfg.src_ka.on && keeps_connection(buf, size_t(ctx.tail));
     if (rc == 11) {
         // What came so far is dropped with the buffer: a head must arrive
@@ -683,12 +684,23 @@ int read_fragment(dw_task *task) {
     // the descriptor, at the file offset (the tail went there first).
     if (size_t want = task->nleft < DW_RELAY_SIZE ? task->nleft : DW_RELAY_SIZE;
         want >= DW_SPLICE_MIN && (n = splice_fragment(task, want)) != SPLICE_UNSUPPORTED) {
+        task->drained = false;  // the pipe takes what is asked: nothing said of the rest
         if (n == SPLICE_SHORT) {
             rc = -1;
             n = 0;
         }
     } else {
-        n = nread(task->sfd, s_relay, want, 0);
+        // The last read of a body on a connection that may be kept asks
+        // for one byte more: one that comes means the source sent more than
+        // it announced, and a short read means nothing waits behind the body.
+        size_t ask = want;
+        if (task->ka_ok && want == task->nleft && want < DW_RELAY_SIZE) ask = want + 1;
+        n = nread(task->sfd, s_relay, ask, 0);
+        task->drained = n >= 0 && size_t(n) < ask;
+        if (n > 0 && size_t(n) > want) {
+            task->ka_ok = false;
+            n = ssize_t(want);
+        }
         if (n > 0) {
             ssize_t w = nwrite(task->dfd, s_relay, size_t(n), 0);
             if (w != n) {
@@ -841,7 +853,7 @@ int complete_download(dw_task *task) {
     if (g_cfg.lbdb.port > 0) (void)add_lbdb_url(&task->spec);
     if (rc == 0) {
         task->is_done = true;
-        task->ka_keep = task->ka_ok && nothing_pending(task->sfd);
+        task->ka_keep = task->ka_ok && (task->drained || nothing_pending(task->sfd));
         ++g_stats.downloads_completed;
         LOG_NRM("downloaded: %zu bytes, [%s] to [%s]\n", task->content_length, task->spec.url,
                 task->spec.fpath);

@@ -67,6 +67,7 @@ struct dw_task {
     bool is_reused;         // sfd came from the idle pool; nothing of the response read yet
     bool ka_ok;             // the response allows the connection to be kept (so far)
     bool ka_keep;           // the body ended exactly: the connection goes back to the pool
+    bool drained;           // the last read came back short: nothing was waiting behind it
     bool is_done;           // the file is complete under its final name
 };
 static_assert(std::is_trivially_copyable_v<dw_task>);
