@@ -362,9 +362,17 @@ int mk_dw_task(int cfd, const dw_spec *spec) {
 static bool take_idle_src(dw_task *task) {
     char key[SRCPOOL_KEY_SIZE];
     if (!g_cfg.src_ka.on || srcpool_key(task->spec.url, key, sizeof key) != 0) return false;
-    task->sfd = srcpool_take(key);
-    task->is_reused = task->sfd >= 0;
+    task->ka_conn = srcpool_take(key, task);
+    task->is_reused = task->ka_conn != nullptr;
+    if (task->is_reused) task->sfd = task->ka_conn->fd;
     return task->is_reused;
+}
+
+// A task done with a connection from the pool gives its entry back.
+static void release_ka_conn(dw_task *task) {
+    if (task->ka_conn == nullptr) return;
+    srcpool_release(task->ka_conn);
+    task->ka_conn = nullptr;
 }
 
 static int open_src(dw_task *task) {
@@ -391,6 +399,7 @@ bool dw_retry_fresh(dw_task *task) {
         "one\n",
         __func__, task->sfd, task->spec.url);
     // Closing takes it out of the epoll set; the reactor only counts it out.
+    release_ka_conn(task);
     (void)rqs_forget_fd(task->sfd);
     (void)W_close(__func__, task->sfd);
     task->sfd = connect_to_src(task->spec.url, &task->sctx);
@@ -438,9 +447,16 @@ const dw_task *dest_writer(const dw_task *task) {
 // Parks a finished task's source connection in the idle pool; false when
 // it must be closed instead.
 static bool keep_src(dw_task *task) {
-    char key[SRCPOOL_KEY_SIZE];
-    if (srcpool_key(task->spec.url, key, sizeof key) != 0) return false;
-    if (!srcpool_put(key, task->sfd, g_cfg.src_ka.per_origin)) return false;
+    if (task->ka_conn != nullptr) {
+        // Parked under the entry it came with: its registration stays as it is.
+        bool kept = srcpool_park(task->ka_conn, g_cfg.src_ka.per_origin);
+        task->ka_conn = nullptr;
+        if (!kept) return false;
+    } else {
+        char key[SRCPOOL_KEY_SIZE];
+        if (srcpool_key(task->spec.url, key, sizeof key) != 0) return false;
+        if (!srcpool_put(key, task->sfd, g_cfg.src_ka.per_origin)) return false;
+    }
     usock_close(-1, &task->sctx);  // the context's buffers; the descriptor lives on
     return true;
 }
@@ -459,6 +475,7 @@ void free_dw(dw_task *task) {
     // Descriptor 0 is never closed here: a zero in these fields means a
     // record that was never set up, not standard input.
     if (task->sfd > 0 && task->ka_keep && keep_src(task)) task->sfd = -1;
+    release_ka_conn(task);
     if (task->sfd > 0) {
         // Registered from "ini" on. The source socket is never duplicated, so
         // closing it takes it out of the epoll set; the reactor only counts
@@ -566,7 +583,9 @@ int request_data_stream(dw_task *task) {
     // A reused connection the origin closed meanwhile fails here first.
     if (rc != 0 && dw_retry_fresh(task)) return 0;
     if (rc == 0) {
-        rc = rqs_mod(task->sfd, task, 1);
+        // A kept connection is registered for reading under its pool entry
+        // already, which hands its events to this task.
+        if (task->ka_conn == nullptr) rc = rqs_mod(task->sfd, task, 1);
         if (rc != 0) {
             LOG_ERR("%s: rqs_mod(fd%d,...) FAILED\n", __func__, task->sfd);
         } else {

@@ -16,6 +16,8 @@
 #include "tags.h"
 #include "udl.h"
 #include "webops.h"
+
+struct srcpool_conn;
 #include "wopen.h"
 #include "xvdat.h"
 
@@ -68,6 +70,7 @@ struct dw_task {
     bool ka_ok;             // the response allows the connection to be kept (so far)
     bool ka_keep;           // the body ended exactly: the connection goes back to the pool
     bool drained;           // the last read came back short: nothing was waiting behind it
+    srcpool_conn *ka_conn;  // the pool entry sfd came with (its registration); null when none
     bool is_done;           // the file is complete under its final name
 };
 static_assert(std::is_trivially_copyable_v<dw_task>);

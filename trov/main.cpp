@@ -429,9 +429,13 @@ int on_read(int fd, int err, void *udata, void *aux) {
         }
         case RSC_TAG.num:
             return on_srv_accept(fd, err, udata, aux);
-        case SKA_TAG.num:
-            srcpool_event(static_cast<srcpool_conn *>(udata));
+        case SKA_TAG.num: {
+            // A kept connection in use: the event is its download's.
+            auto *c = static_cast<srcpool_conn *>(udata);
+            if (c->owner != nullptr) return on_read(fd, err, c->owner, aux);
+            srcpool_event(c);
             return 0;
+        }
         case ARQ_TAG.num: {
             auto *rq = static_cast<adm_rq *>(udata);
             if (err == 0 || err == RQS_FL_HUP) return adm_read(rq);
@@ -478,12 +482,14 @@ int on_write(int, int err, void *udata, void *aux) {
     n32_tag tag = *static_cast<const n32_tag *>(udata);
     LOG_DBG("%s: %s [%s] (%p) err=%d\n", __func__, event_word(err), tag.str, udata, err);
     if (tag.num == DOW_TAG.num) return dw_write(static_cast<dw_task *>(udata));
+    if (tag.num == SKA_TAG.num && static_cast<srcpool_conn *>(udata)->owner != nullptr)
+        return dw_write(static_cast<dw_task *>(static_cast<srcpool_conn *>(udata)->owner));
     LOG_PNC("%s: tag=[%s] err=%d, udata=%p, aux=%p - why are we here?\n", __func__, tag.str, err,
             udata, aux);
     log_abort_here();
 }
 
-int on_error(int, int err, void *udata, void *) {
+int on_error(int fd, int err, void *udata, void *aux) {
     n32_tag tag = *static_cast<const n32_tag *>(udata);
     bool hup = err == RQS_FL_HUP;  // a hang-up with an error bit is an error
     LOG_DBG("%s: %s [%s] (%p) err=%d\n", __func__, event_word(err), tag.str, udata, err);
@@ -506,6 +512,8 @@ int on_error(int, int err, void *udata, void *) {
                 (void)pprm_task(static_cast<dw_task *>(udata));
             break;
         case SKA_TAG.num:
+            if (auto *c = static_cast<srcpool_conn *>(udata); c->owner != nullptr)
+                return on_error(fd, err, c->owner, aux);
             srcpool_event(static_cast<srcpool_conn *>(udata));
             break;
         default:

@@ -52,25 +52,54 @@ int srcpool_key(const char *url, char *key, size_t cap) {
     return (n < 0 || size_t(n) >= cap) ? 22 : 0;
 }
 
-int srcpool_take(const char *key) {
+srcpool_conn *srcpool_take(const char *key, void *owner) {
     // The most recently parked connection of the origin is the likeliest
     // to be still open on the other side.
     srcpool_conn *best = nullptr;
     for (size_t i = 0; i < s_top; ++i) {
         srcpool_conn *c = &s_pool[i];
-        if (c->fd < 0 || strcmp(c->key, key) != 0) continue;
+        if (c->fd < 0 || c->owner != nullptr || strcmp(c->key, key) != 0) continue;
         if (best == nullptr || c->idle_since.tv_sec > best->idle_since.tv_sec ||
             (c->idle_since.tv_sec == best->idle_since.tv_sec &&
              c->idle_since.tv_nsec > best->idle_since.tv_nsec))
             best = c;
     }
-    if (best == nullptr) return -1;
-    int fd = best->fd;
-    best->fd = -1;
+    if (best == nullptr) return nullptr;
+    best->owner = owner;
     if (--s_count == 0) rm_timeout(TMOUT_KEY_SRCPOOL);
     ++g_src_conn_reused;
-    LOG_DBG("%s: fd%d to %s reused\n", __func__, fd, key);
-    return fd;
+    LOG_DBG("%s: fd%d to %s reused\n", __func__, best->fd, key);
+    return best;
+}
+
+// Idle connections to key, not counting skip.
+static int idle_for(const char *key, const srcpool_conn *skip) {
+    int same = 0;
+    for (size_t i = 0; i < s_top; ++i) {
+        const srcpool_conn *c = &s_pool[i];
+        if (c != skip && c->fd >= 0 && c->owner == nullptr && strcmp(c->key, key) == 0) ++same;
+    }
+    return same;
+}
+
+bool srcpool_park(srcpool_conn *c, int per_origin) {
+    XASSERT(c->fd >= 0 && c->owner != nullptr);
+    int same = idle_for(c->key, c);
+    if (same >= per_origin) {
+        srcpool_release(c);
+        return false;
+    }
+    c->owner = nullptr;
+    c->idle_since = rqs_now();
+    if (s_count++ == 0) set_timeout(TMOUT_KEY_SRCPOOL, SRCPOOL_SWEEP_MS);
+    LOG_DBG("%s: fd%d to %s kept idle (%d others)\n", "srcpool_put", c->fd, c->key, same);
+    return true;
+}
+
+void srcpool_release(srcpool_conn *c) {
+    XASSERT(c->owner != nullptr);
+    c->fd = -1;
+    c->owner = nullptr;
 }
 
 bool srcpool_put(const char *key, int fd, int per_origin) {
@@ -80,7 +109,7 @@ bool srcpool_put(const char *key, int fd, int per_origin) {
         srcpool_conn *c = &s_pool[i];
         if (c->fd < 0) {
             if (free_slot == nullptr) free_slot = c;
-        } else if (strcmp(c->key, key) == 0 && ++same >= per_origin) {
+        } else if (c->owner == nullptr && strcmp(c->key, key) == 0 && ++same >= per_origin) {
             return false;
         }
     }
@@ -93,6 +122,7 @@ bool srcpool_put(const char *key, int fd, int per_origin) {
     if (rqs_mod(fd, free_slot, 1) != 0) return false;
     free_slot->tag = SKA_TAG;
     free_slot->fd = fd;
+    free_slot->owner = nullptr;
     free_slot->idle_since = rqs_now();
     snprintf(free_slot->key, sizeof free_slot->key, "%s", key);
     if (s_count++ == 0) set_timeout(TMOUT_KEY_SRCPOOL, SRCPOOL_SWEEP_MS);
@@ -102,8 +132,8 @@ bool srcpool_put(const char *key, int fd, int per_origin) {
 
 void srcpool_event(srcpool_conn *c) {
     // An event of this pass may be older than the entry's connection: the
-    // one it was for was taken (or dropped) and the entry refilled since.
-    if (c->fd < 0) return;
+    // one it was for was dropped and the entry refilled since.
+    if (c->fd < 0 || c->owner != nullptr) return;
     char b;
     if (recv(c->fd, &b, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
         (errno == EAGAIN || errno == EWOULDBLOCK))
@@ -117,14 +147,21 @@ void srcpool_sweep(long idle_ms) {
     if (diff_ms(&now, &s_swept) < SRCPOOL_SWEEP_MS) return;
     s_swept = now;
     for (size_t i = 0; i < s_top && s_count > 0; ++i)
-        if (s_pool[i].fd >= 0 && diff_ms(&now, &s_pool[i].idle_since) >= idle_ms)
+        if (s_pool[i].fd >= 0 && s_pool[i].owner == nullptr &&
+            diff_ms(&now, &s_pool[i].idle_since) >= idle_ms)
             drop(&s_pool[i], "idle");
 }
 
 void srcpool_close_all() {
-    for (size_t i = 0; i < s_top && s_count > 0; ++i)
-        if (s_pool[i].fd >= 0) drop(&s_pool[i], "shut-down");
-    s_top = 0;
+    bool in_use = false;
+    for (size_t i = 0; i < s_top; ++i) {
+        if (s_pool[i].fd < 0) continue;
+        if (s_pool[i].owner == nullptr)
+            drop(&s_pool[i], "shut-down");
+        else
+            in_use = true;  // its owner closes it
+    }
+    if (!in_use) s_top = 0;
 }
 
 size_t srcpool_count() { return s_count; }

@@ -2,7 +2,10 @@
 // the same host:port when source keep-alive is configured. An idle
 // connection stays registered with the reactor under its pool entry, so an
 // origin that closes or resets it (or sends what nobody asked for) takes it
-// out at once; it is also closed after idle_ms and at shut-down.
+// out at once; it is also closed after idle_ms and at shut-down. A
+// connection keeps its entry, and so its registration, while a download uses
+// it: the entry then names its owner, to which the reactor's events go, and
+// taking or parking it again needs no call to the reactor.
 #pragma once
 
 #include <cstddef>
@@ -17,10 +20,11 @@ constexpr size_t SRCPOOL_KEY_SIZE = 72;  // "host:port"
 constexpr int SRCPOOL_MAX_PER_ORIGIN = 1024;
 constexpr long SRCPOOL_SWEEP_MS = 250;  // idle connections are looked at this often
 
-// One idle connection; reactor user data while it waits.
+// One kept connection; the reactor's user data for it, idle or in use.
 struct srcpool_conn {
     n32_tag tag;  // SKA_TAG once used (entries live as long as the process)
     int fd;       // -1 when free
+    void *owner;  // the download using it; null while idle
     timespec idle_since;
     char key[SRCPOOL_KEY_SIZE];
 };
@@ -32,14 +36,21 @@ extern uint64_t g_src_conn_reused;
 // "host:port" of an "http://host[:port]/..." URL into key (port 80 when none).
 // 0, or 22 when the URL has no host or the key does not fit.
 [[nodiscard]] int srcpool_key(const char *url, char *key, size_t cap);
-// An idle connection to key, out of the pool: still registered with the
-// reactor (under the pool entry), so the caller changes the registration to
-// its own. -1 when there is none.
-int srcpool_take(const char *key);
+// An idle connection to key, now owner's: its entry (the connection is
+// entry->fd, still registered for reading under the entry), or null when
+// there is none.
+srcpool_conn *srcpool_take(const char *key, void *owner);
 // Keeps fd (registered with the reactor, whoever's user data) idle for key.
 // True when kept; false when the origin has per_origin idle connections
 // already or the pool is full: the caller closes fd then.
 bool srcpool_put(const char *key, int fd, int per_origin);
+// The owner of a taken connection is done with it and it may be kept: it is
+// idle again under the same entry. False when the origin has per_origin idle
+// connections already: the entry is then released and the caller closes
+// the connection.
+bool srcpool_park(srcpool_conn *c, int per_origin);
+// The owner of a taken connection closes it: the entry is free again.
+void srcpool_release(srcpool_conn *c);
 // The reactor reports an idle connection readable or broken: the origin
 // closed it or sent bytes nobody asked for. It is closed. A late event for an
 // entry that is empty now, or holds another connection that is fine, does
