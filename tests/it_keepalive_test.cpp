@@ -7,6 +7,7 @@
 
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "daemon.h"
 #include "daemon_test.h"
@@ -41,6 +42,31 @@ class ItKeepalive : public DaemonTest {
         EXPECT_TRUE(wait_until(WAIT_MS, [&] { return daemon_count_log(&d_, "TASK-END") > ends; }));
     }
     std::string file(const std::string &dst) { return d_.data_dir + "/" + dst; }
+    // Orders n files at once (each source answer delayed 200 ms, so that
+    // every order takes a connection of its own) and waits for their ends.
+    void fetch_together(const std::string &prefix, int n) {
+        const int ends = daemon_count_log(&d_, "TASK-END");
+        std::vector<int> fds;
+        for (int i = 0; i < n; ++i) {
+            const std::string f = str_cat(prefix, std::to_string(i));
+            int fd = net_connect(d_.port, WAIT_MS);
+            ASSERT_GE(fd, 0);
+            fds.push_back(fd);
+            ASSERT_EQ(
+                net_send_all(
+                    fd,
+                    str_cat("GET /src/", origin_url(org_, str_cat("/delay/200/f/100/", f)), "/dst/",
+                            f, ".ts HTTP/1.1\r\nHost: h\r\nUser-Agent: it-ka/1\r\n\r\n"),
+                    WAIT_MS),
+                0);
+        }
+        for (int fd : fds) {
+            EXPECT_EQ(net_read_reply(fd, WAIT_MS).status, 200);
+            close(fd);
+        }
+        ASSERT_TRUE(
+            wait_until(WAIT_MS, [&] { return daemon_count_log(&d_, "TASK-END") == ends + n; }));
+    }
 };
 
 TEST_F(ItKeepalive, DownloadsOneAfterAnotherShareOneConnectionUntilItIdlesOut) {
@@ -114,25 +140,29 @@ TEST_F(ItKeepalive, ConnectionIsNeverReusedAfterCloseOrAWrongLength) {
 TEST_F(ItKeepalive, ShutDownClosesEveryIdleConnection) {
     origin_set_keepalive(org_, 100);
     start(60000);
-    // Three at once: three connections, all idle afterwards.
-    int fds[3];
-    for (int i = 0; i < 3; ++i) {
-        const std::string n = std::to_string(i);
-        fds[i] = net_connect(d_.port, WAIT_MS);
-        ASSERT_GE(fds[i], 0);
-        ASSERT_EQ(net_send_all(fds[i],
-                               str_cat("GET /src/",
-                                       origin_url(org_, str_cat("/delay/200/f/100/s", n)), "/dst/s",
-                                       n, ".ts HTTP/1.1\r\nHost: h\r\nUser-Agent: it-ka/1\r\n\r\n"),
-                               WAIT_MS),
-                  0);
-    }
-    for (int fd : fds) {
-        EXPECT_EQ(net_read_reply(fd, WAIT_MS).status, 200);
-        close(fd);
-    }
-    ASSERT_TRUE(wait_until(WAIT_MS, [&] { return daemon_count_log(&d_, "TASK-END") == 3; }));
+    fetch_together("s", 3);  // three connections, all idle afterwards
     EXPECT_EQ(origin_open_connections(org_), 3);
+    EXPECT_EQ(daemon_status_text(daemon_stop(&d_, WAIT_MS)), "exited 0");
+    EXPECT_TRUE(origin_wait_idle(org_, WAIT_MS));
+}
+
+// No more than per_origin connections stay idle, whether a connection comes
+// back from its first download or from a reuse: the others are closed.
+TEST_F(ItKeepalive, IdleConnectionsStayWithinPerOriginAcrossReuse) {
+    origin_set_keepalive(org_, 100);
+    start(60000, 2);
+    fetch_together("a", 4);
+    EXPECT_EQ(origin_connections(org_), 4u);
+    EXPECT_TRUE(wait_until(WAIT_MS, [&] { return origin_open_connections(org_) == 2; }));
+    fetch_together("b", 4);  // two reused, two new
+    EXPECT_EQ(origin_connections(org_), 6u);
+    EXPECT_TRUE(wait_until(WAIT_MS, [&] { return origin_open_connections(org_) == 2; }));
+    fetch("/f/700/c", "c.ts");  // one after another: a kept one serves
+    fetch("/f/800/d", "d.ts");
+    EXPECT_EQ(origin_connections(org_), 6u);
+    EXPECT_EQ(origin_expect_file(file("d.ts"), "d", 800), "");
+    EXPECT_EQ(daemon_count_log(&d_, "downloaded:"), 10);
+    EXPECT_EQ(daemon_count_log(&d_, "(ERR)"), 0);
     EXPECT_EQ(daemon_status_text(daemon_stop(&d_, WAIT_MS)), "exited 0");
     EXPECT_TRUE(origin_wait_idle(org_, WAIT_MS));
 }
