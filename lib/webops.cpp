@@ -7,7 +7,6 @@
 #include <strings.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdarg>
@@ -55,9 +54,10 @@ size_t ifind(std::string_view hay, std::string_view needle) {
     // The first character is matched inline: a head is scanned once per
     // field looked up, and a library call at every position showed up in
     // profiles.
-    const int first = tolower(static_cast<unsigned char>(needle[0]));
+    auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
+    const char first = lower(needle[0]);
     for (size_t i = 0; i + needle.size() <= hay.size(); ++i)
-        if (tolower(static_cast<unsigned char>(hay[i])) == first &&
+        if (lower(hay[i]) == first &&
             strncasecmp(hay.data() + i, needle.data(), needle.size()) == 0)
             return i;
     return std::string_view::npos;
