@@ -224,6 +224,10 @@ int init_trov_ctx() {
         return rc;
     }
     make_pipe();
+    // The relay buffer is made resident now: heads and bodies reach further
+    // into it as larger reads come, and a resident size that creeps up over
+    // hours would look like a leak.
+    memset(s_relay, 0, sizeof s_relay);
     set_now(&g_ctx.last_tmout_check);
     g_ctx.last_rq_check = g_ctx.last_tmout_check;
     g_ctx.last_task_id = 0;
