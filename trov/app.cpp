@@ -4,6 +4,7 @@
 #include "app.h"
 
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -360,14 +361,14 @@ int mk_dw_task(int cfd, const dw_spec *spec) {
     set_now(&task->last_io_tm);
     set_dw_state(task, DW_INI);
     task->is_started = true;
-    return 0;
+    return task->src_reading ? request_data_stream(task) : 0;
 }
 
 static bool take_idle_src(dw_task *task) {
     char key[SRCPOOL_KEY_SIZE];
     if (!g_cfg.src_ka.on || srcpool_key(task->spec.url, key, sizeof key) != 0) return false;
     task->ka_conn = srcpool_take(key, task);
-    task->is_reused = task->ka_conn != nullptr;
+    task->is_reused = task->src_reading = task->ka_conn != nullptr;
     if (task->is_reused) task->sfd = task->ka_conn->fd;
     return task->is_reused;
 }
@@ -379,6 +380,16 @@ static void release_ka_conn(dw_task *task) {
     task->ka_conn = nullptr;
 }
 
+// Whether a connection just made is up already: a local origin often
+// completes the handshake within the connect itself. The state is read
+// without taking a pending error, which the writable event then reports.
+static bool src_is_up(int fd) {
+    tcp_info info{};
+    socklen_t len = sizeof info.tcpi_state;
+    return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0 && len >= 1 &&
+           info.tcpi_state == TCP_ESTABLISHED;
+}
+
 static int open_src(dw_task *task) {
     task->sfd = connect_to_src(task->spec.url, &task->sctx);
     if (task->sfd < 0) {
@@ -386,7 +397,12 @@ static int open_src(dw_task *task) {
         return -1;
     }
     ++g_src_conn_new;
-    if (int rc = rqs_add_writer(task->sfd, task); rc != 0) {
+    // A connection that is up takes its request at once and waits only to
+    // read; one still connecting waits to be writable first.
+    task->src_reading = src_is_up(task->sfd);
+    if (int rc =
+            task->src_reading ? rqs_add_reader(task->sfd, task) : rqs_add_writer(task->sfd, task);
+        rc != 0) {
         LOG_ERR("%s: rqs_add_writer(fd%d,..) failed for %s\n", __func__, task->sfd,
                 task->trk_tag.str);
         free_dw(task);
@@ -409,6 +425,7 @@ bool dw_retry_fresh(dw_task *task) {
     task->sfd = connect_to_src(task->spec.url, &task->sctx);
     if (task->sfd < 0) return false;
     ++g_src_conn_new;
+    task->src_reading = false;  // the new one waits to be writable, then switches
     if (rqs_add_writer(task->sfd, task) != 0) {
         usock_close(task->sfd, &task->sctx);
         task->sfd = -1;
@@ -588,8 +605,9 @@ int request_data_stream(dw_task *task) {
     if (rc != 0 && dw_retry_fresh(task)) return 0;
     if (rc == 0) {
         // A kept connection is registered for reading under its pool entry
-        // already, which hands its events to this task.
-        if (task->ka_conn == nullptr) rc = rqs_mod(task->sfd, task, 1);
+        // already (which hands its events to this task), and so is a new one
+        // that was up at once.
+        if (!task->src_reading) rc = rqs_mod(task->sfd, task, 1);
         if (rc != 0) {
             LOG_ERR("%s: rqs_mod(fd%d,...) FAILED\n", __func__, task->sfd);
         } else {

@@ -71,6 +71,7 @@ struct dw_task {
     bool ka_keep;           // the body ended exactly: the connection goes back to the pool
     bool drained;           // the last read came back short: nothing was waiting behind it
     srcpool_conn *ka_conn;  // the pool entry sfd came with (its registration); null when none
+    bool src_reading;       // sfd is registered for reading already (no switch after the GET)
     bool is_done;           // the file is complete under its final name
 };
 static_assert(std::is_trivially_copyable_v<dw_task>);
